@@ -1,0 +1,12 @@
+// ini_internal.h - what the readers and the writers of ini files share.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Section and key names are compared without case.
+[[nodiscard]] bool sameName(std::string_view a, std::string_view b);
+
+// The whole file at once, so that a reader sees no mixture of two states. 0 or -1 with errno.
+[[nodiscard]] int readWholeFile(const std::string& path, std::string* text);
+[[nodiscard]] int readWholeFd(int fd, std::string* text);

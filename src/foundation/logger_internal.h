@@ -1,0 +1,64 @@
+// logger_internal.h - what the sources of the log share.
+//
+// Threads: everything here belongs to the holder of LogLock. The log mutex is not recursive: code that runs under it
+//          must not log, only report_error, and must call the functions of this header, never those of logger.h.
+#pragma once
+
+#include <pthread.h>
+
+#include <csignal>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "foundation/logger.h"
+
+struct LogState {
+    FILE* stream = nullptr;
+    FILE* rotatedStream = nullptr;  // the stream that was opened by path; the only one that rotates
+    long sizeLimit = -1;            // bytes of a piece, -1 rotation off
+    int pieces = 0;                 // highest piece number that can exist for g_base_fname
+    int renameFlag = 0;
+    bool keepExisting = false;  // the next open by path appends to what is there
+    std::string program;
+    std::string startTime;
+    int instance = 0;
+};
+
+LogState& logState();
+
+// Holds the log mutex with all signals of the thread blocked, so that a handler that logs can't meet its own lock.
+// A failure is reported and the caller goes on: a line without a lock is better than none.
+class LogLock {
+public:
+    LogLock();
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+    ~LogLock();
+
+private:
+    sigset_t previous_;
+    bool isMasked_;
+    bool isLocked_;
+};
+
+// Resolves a log_level of 100 and above: less 100, and the simple writer. Returns whether it changed anything.
+bool applyLevelEncoding();
+
+// Local time: of a line, and of a banner.
+std::string logStamp();
+std::string startTimeText();
+
+// The texts of the open functions, without lock and without a log line.
+int openLogByName(const char* name);
+int openLogByPath(std::string* path);
+void closeLog();
+int rotateLog();
+int renamePieces(const char* newName, int increment);
+int removePieces(const char* logname);
+
+// The path of a log under g_logdir, or under the fall-back directory while g_logdir is unset; absolute names stay.
+std::string logPath(std::string_view name);
+
+// A log name without its extension; nothing is cut from a name that has none of them.
+std::string_view withoutLogExtension(std::string_view name);

@@ -1,0 +1,3 @@
+#include "foundation/settings.h"
+
+ReplicationSettings g_settings;
