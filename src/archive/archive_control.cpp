@@ -1,0 +1,108 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <limits>
+
+#include "archive/archive_internal.h"
+#include "foundation/logger.h"
+
+namespace {
+
+constexpr std::size_t USER_BUFFER_UNIT = 524288;
+
+int refuse(int error) {
+    errno = error;
+    return -1;
+}
+
+int setBlockSize(archive_filter* filter, std::int64_t size) {
+    if (size < 0 || size > std::numeric_limits<std::int32_t>::max())
+        return refuse(EINVAL);
+    const std::size_t former = filter->blocksize;
+    filter->blocksize = roundUp(static_cast<std::size_t>(size), filter->fsBlockSize);
+    if (filter->blocksize == 0 || filter->device.size % filter->blocksize == 0)
+        return 0;
+    if (archive_grow_device(filter, filter->device.size) == 0)
+        return 0;
+    filter->blocksize = former;
+    return -1;
+}
+
+int reopen(archive_filter* filter, const std::string& path, bool direct) {
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen())
+        return -1;
+    filter->file = std::move(file);
+    filter->fd_offset = 0;
+    filter->endOfStream = filter->physicalEof = false;
+    filter->device.oldest = filter->device.start;  // what lies before is of the former file
+    filter->properties &= ~ARCHIVE_DIRECT_IO;
+    if (direct) {
+        filter->properties |= ARCHIVE_DIRECT_IO;
+        archive_enable_direct(filter);
+    }
+    return 0;
+}
+
+int growUserBuffer(archive_filter* filter, std::int64_t size) {
+    if (size < 0 || size > std::numeric_limits<std::int32_t>::max())
+        return refuse(EINVAL);
+    filter->userBufferSize =
+        std::max(filter->userBufferSize, roundUp(static_cast<std::size_t>(size), USER_BUFFER_UNIT));
+    return 0;
+}
+
+int unknownRequest(int request) {
+    LOG_HERE(0, "Invalid request type for archive_fcntl(): %d\n", request);
+    return refuse(ENOSYS);
+}
+
+}  // namespace
+
+int archive_fcntl(archive_filter* filter, int request, std::int64_t value) {
+    if (filter == nullptr)
+        return refuse(EBADF);
+    switch (request) {
+        case ARCHIVE_SET_BLOCK_SIZE:
+            return setBlockSize(filter, value);
+        case ARCHIVE_SET_STREAM_MODE:
+            filter->streamMode = value != 0;
+            return 0;
+        case ARCHIVE_SET_BLOCK_PADDING:
+            filter->padBlocks = value != 0;
+            return 0;
+        case ARCHIVE_CLOSE_DESCRIPTOR:
+            filter->file.reset();
+            return 0;
+        case ARCHIVE_SET_CLOEXEC:
+            return fcntl(filter->file.get(), F_SETFD, FD_CLOEXEC);
+        case ARCHIVE_DISCARD:
+            filter->discardBytes = value;
+            return value < 0 ? refuse(EINVAL) : 0;
+        case ARCHIVE_CONTINUE_ON_ERROR:
+            filter->continueOnError = value != 0;
+            return 0;
+        case ARCHIVE_GROW_DEVICE_BUFFER:
+            return value < 0 ? refuse(EINVAL) : archive_grow_device(filter, static_cast<std::size_t>(value));
+        case ARCHIVE_GROW_USER_BUFFER:
+            return growUserBuffer(filter, value);
+        case ARCHIVE_SET_DECOMPRESSED_SIZE:
+            if (value < 0)
+                return refuse(EINVAL);
+            filter->decompressedBlockSize = static_cast<std::size_t>(value);
+            return 0;
+        case ARCHIVE_SET_LOW_WATER_MARK:
+            filter->readAheadLowWaterMark = static_cast<int>(value);
+            return 0;
+        default:
+            return unknownRequest(request);
+    }
+}
+
+int archive_fcntl(archive_filter* filter, int request, const std::string& path) {
+    if (filter == nullptr)
+        return refuse(EBADF);
+    if (request != ARCHIVE_REOPEN && request != ARCHIVE_REOPEN_DIRECT)
+        return unknownRequest(request);
+    return reopen(filter, path, request == ARCHIVE_REOPEN_DIRECT);
+}
