@@ -1,0 +1,37 @@
+#include "hash/hash_generation.h"
+
+#include <atomic>
+
+#include "foundation/directories.h"
+#include "foundation/ini.h"
+#include "foundation/logger.h"
+#include "foundation/services.h"
+
+namespace {
+
+constexpr int NOT_ASKED = -1;
+std::atomic<int> g_generation = NOT_ASKED;
+
+}  // namespace
+
+int getMetadataGeneration() {
+    int generation = g_generation.load();
+    if (generation == NOT_ASKED) {
+        generation = platformSupportsDedupNT() != 0
+                         ? ini_get_int("fileDedup", "MetadataGeneration", GENERATION_TABLES, g_master_ini)
+                         : GENERATION_TABLES;
+        g_generation.store(generation);
+    }
+    return generation;
+}
+
+bool generationIsServed() {
+    const int generation = getMetadataGeneration();
+    if (generation != GENERATION_TABLES)
+        log_message(0, "Invalid metadata generation: %d\n", generation);
+    return generation == GENERATION_TABLES;
+}
+
+void forgetMetadataGeneration() {
+    g_generation.store(NOT_ASKED);
+}

@@ -1,0 +1,37 @@
+// hash_private.h - the handle of the hash layer, and what its operations share.
+#pragma once
+
+#include <vector>
+
+#include "hash/hashTable.h"
+#include "hash/hashValues.h"
+#include "hash/hash_connection.h"
+#include "hash/query_buffer.h"
+
+struct hashValuesPrivate {
+    SIShashTable* table = nullptr;
+    HashConnection connection;
+    QueryBuffer query;
+};
+
+// Arms of one UNION ALL. From between 200 and 250 arms on the server starts workers for them, which makes each arm
+// several times dearer; past 8000 it refuses the statement.
+inline constexpr std::size_t ARMS_PER_STATEMENT = 120;
+inline constexpr std::size_t BYTES_PER_ARM = 416;  // upper bound of the text of one arm
+inline constexpr char NEXT_ARM[] = "\nUNION ALL\n";
+
+// Makes the handle on first use and connects.
+[[nodiscard]] int prepareHashValuesPrivatePSQL(HashValuesPtr* handle);
+
+// The lookup itself, for records anywhere in memory.
+[[nodiscard]] int lookUpRecords(hashValuesPrivate* handle, const std::vector<hashValue*>& records);
+[[nodiscard]] int lookUpRecords(hashValuesPrivate* handle, std::span<hashValue> records);
+
+// False, with a line on the log, for a type that the system doesn't know.
+[[nodiscard]] bool typeIsKnown(const hashValue& value, std::size_t entry);
+
+// Writes the places in the store of the records with both hashValue_in and SISoffset_in, in the open transaction.
+[[nodiscard]] int writeSISoffsets(hashValuesPrivate* handle, std::span<const hashValue> records);
+
+// Logs wrong use of a list and returns -1.
+int refuseArguments(const char* function, const void* handle, std::size_t count);

@@ -1,0 +1,37 @@
+// hashed_contents_internal.h - the reading handle, and the search for a backup to read from.
+#pragma once
+
+#include <string>
+
+#include "archive/archiverw.h"
+#include "hash/hash_private.h"
+#include "hash/hashed_contents.h"
+
+// Data of one block that was read ahead. Synthetic hash IDs are used again, so the digest counts too when it is known.
+struct ReadAhead {
+    std::unique_ptr<std::byte[]> bytes;
+    std::uint32_t capacity = 0;
+    std::uint32_t length = 0;  // valid bytes, 0 none
+    std::int64_t offset = 0;   // of the first one in the block
+    hashValue block{};         // whose data it is
+};
+
+struct hashedContents {
+    HashValuesPtr hashValues;  // its connection serves the search too
+    ArchiveFilterPtr backup;
+    std::string backupPath;
+    std::uint64_t backupNumber = 0;
+    bool backupLocked = false;
+    ReadAhead ahead;
+    std::uint64_t maxSubfileBytes = 0;  // asked of the platform once a handle, 0 not yet
+};
+
+// Opens a backup's file by its number, on whichever disk it lies. Null if there is none.
+[[nodiscard]] ArchiveFilterPtr openBackupFile(HashConnection* connection, std::uint64_t backupNumber,
+                                              std::string* path);
+
+void closeBackup(hashedContents* handle);
+
+// Finds a backup that holds the block, opens and locks its file and seeks to `offset` within the block.
+// Returns 1 with that done, 0 if no backup holds the block, -1 on failure or if none of them could be used.
+[[nodiscard]] int findBackupCandidate(hashedContents* handle, std::uint64_t hashID, std::int64_t offset);
