@@ -1,0 +1,26 @@
+// ferryd - the replication daemon, and with `util` as its first argument the operator's command line.
+
+#include <curl/curl.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "daemon/daemon.h"
+#include "daemon/util.h"
+#include "foundation/logger.h"
+
+int main(int argc, char** argv) {
+    try {
+        LOG_HERE(2, "Setting up signal handling");
+        installSignalHandlers();
+        curl_global_init(CURL_GLOBAL_ALL);
+        if (argc > 1 && (std::strcmp(argv[1], "utility") == 0 || std::strcmp(argv[1], "util") == 0))
+            return runUtility(argc, argv);
+        return runDaemon(argc, argv);
+    } catch (const std::exception& e) {
+        LOG_HERE(0, "ferryd can't go on: %s", e.what());
+        fprintf(stderr, "ferryd: %s\n", e.what());
+        return 1;
+    }
+}

@@ -1,0 +1,48 @@
+// The signal handlers of the parent: they only store flags.
+
+#include <csignal>
+
+#include "daemon/daemon_internal.h"
+#include "foundation/signals.h"
+
+namespace {
+
+volatile std::sig_atomic_t g_stop = 0;
+volatile std::sig_atomic_t g_childEnded = 0;
+
+void noteStop(int) {
+    g_stop = 1;
+}
+void noteChild(int) {
+    g_childEnded = 1;
+}
+
+void install(int number, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    (void)sigaction(number, &action, nullptr);  // fails only for a bad number
+}
+
+}  // namespace
+
+bool stopRequested() {
+    return g_stop != 0;
+}
+bool childEnded() {
+    return g_childEnded != 0;
+}
+void clearChildEnded() {
+    g_childEnded = 0;
+}
+
+sigset_t parentSignals() {
+    return signalSet({SIGCHLD, SIGTERM, SIGINT, SIGQUIT});
+}
+
+void installSignalHandlers() {
+    install(SIGCHLD, noteChild);
+    for (const int number : {SIGTERM, SIGINT, SIGQUIT})
+        install(number, noteStop);
+    install(SIGPIPE, SIG_IGN);
+}

@@ -1,0 +1,28 @@
+// worker_table.h - the parent's list of running workers.
+//
+// It lives in the parent alone and is changed with SIGCHLD blocked. One thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+struct WorkerEntry {
+    pid_t pid;  // -1 when the fork failed: the slot is lost until the daemon restarts
+    std::uint32_t backup_no;
+    std::string vault;
+};
+
+void addWorker(const WorkerEntry& entry);
+void clearWorkers();
+[[nodiscard]] int workerCount();
+
+// Takes finished children out of the table. Their exit statuses don't matter: a worker writes its own result.
+void reapWorkers();
+
+// Sends SIGINT to the worker of a backup and forgets it; its end is reaped later without an entry.
+void interruptWorker(std::uint32_t backupNo, const std::string& vault);
+
+// Sends SIGTERM to every worker and doesn't wait.
+void killWorkers();
