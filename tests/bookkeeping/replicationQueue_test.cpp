@@ -1,0 +1,259 @@
+#include "bookkeeping/replicationQueue.h"
+
+#include "catalogue_fixture.h"
+
+namespace {
+
+class Queue : public CatalogueTest {
+protected:
+    void row(int number, int status, const std::string& vault = "vault") {
+        catalogue.sql("INSERT INTO dq.replication_queue (backup_no, vault, status) VALUES (" + std::to_string(number) +
+                      ",'" + vault + "'," + std::to_string(status) + ")");
+    }
+    std::string queue() {
+        return catalogue.rows("SELECT backup_no, status FROM dq.replication_queue ORDER BY position");
+    }
+    std::string sync() { return catalogue.rows("SELECT backup_no, sync_status FROM dq.backups ORDER BY backup_no"); }
+};
+
+TEST_F(Queue, PickPassesOverBlockedInstancesAndDeletedBackups) {
+    backup(1, TYPE_MASTER, 1, 100);
+    backup(2, TYPE_MASTER, 1, 200);
+    backup(3, TYPE_MASTER, 2, 300);
+    backup(4, TYPE_MASTER, 3, 400, "tape_no = 4294967295");
+    for (int number : {4, 2, 1, 3})
+        row(number, REPLICATION_NEEDED);
+    std::string vault;
+    EXPECT_EQ(next_rq(&vault), 2) << "position, not number, is the order; the deleted one is passed over";
+    EXPECT_EQ(vault, "vault");
+    EXPECT_EQ(next_rq(nullptr), 3) << "instance 1 has an active row";
+    EXPECT_EQ(next_rq(nullptr), 0);
+    EXPECT_EQ(queue(), "4|1\n2|16\n1|1\n3|16");
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.replication_queue WHERE rep_start > 1000000000"), "2");
+    EXPECT_EQ(complete_rq(2, "vault"), 0);
+    EXPECT_EQ(next_rq(nullptr), 1);
+}
+
+TEST_F(Queue, OnlyActiveAndPausedRowsBlockTheirInstance) {
+    const struct {
+        int status;
+        std::int64_t picked;
+    } cases[] = {
+        {REPLICATION_COMPLETE, 2},     {REPLICATION_SKIPPED, 2}, {REPLICATION_TERMINATED, 2},
+        {REPLICATION_TERMINATE, 2},    {REPLICATION_ACTIVE, 3},  {REPLICATION_NEED_ASSIST, 3},
+        {REPLICATION_OUT_OF_ORDER, 3},
+    };
+    backup(1, TYPE_MASTER, 1, 100);
+    backup(2, TYPE_MASTER, 1, 200);
+    backup(3, TYPE_MASTER, 2, 300);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        catalogue.sql("DELETE FROM dq.replication_queue");
+        row(1, c.status, "other target");
+        row(2, REPLICATION_NEEDED);
+        row(3, REPLICATION_NEEDED);
+        EXPECT_EQ(next_rq(nullptr), c.picked);
+    }
+}
+
+TEST_F(Queue, RowThatCantBeMarkedIsNotPicked) {
+    backup(1, TYPE_MASTER, 1, 100);
+    catalogue.sql("INSERT INTO dq.replication_queue (backup_no, vault, status) VALUES (1, NULL, 1)");
+    EXPECT_EQ(next_rq(nullptr), 0);
+    EXPECT_EQ(queue(), "1|1");
+    EXPECT_EQ(next_any_rq(nullptr, nullptr), 0);
+}
+
+TEST_F(Queue, PickWithoutInstanceRuleGivesTheTypeAndCutsTheName) {
+    backup(1, TYPE_ESX_FULL, 1, 100);
+    backup(2, TYPE_SELECTIVE, 1, 200);
+    row(1, REPLICATION_ACTIVE);
+    row(2, REPLICATION_NEEDED, std::string(80, 'v'));
+    std::string vault;
+    int type = 0;
+    EXPECT_EQ(next_any_rq(&vault, &type), 2);
+    EXPECT_EQ(type, TYPE_SELECTIVE);
+    EXPECT_EQ(vault, std::string(64, 'v'));
+    EXPECT_EQ(queue(), "1|16\n2|16");
+    EXPECT_EQ(next_any_rq(&vault, &type), 0);
+}
+
+TEST_F(Queue, StatementThatDoesNotFitIsNotRun) {
+    backup(1234567, TYPE_MASTER, 1, 100);
+    row(1234567, REPLICATION_NEEDED, std::string(42, 'v'));
+    row(1234567, REPLICATION_NEEDED, std::string(43, 'v'));
+    EXPECT_EQ(set_status_rq(1234567, std::string(42, 'v'), REPLICATION_OUT_OF_ORDER), 0);
+    EXPECT_EQ(set_status_rq(1234567, std::string(43, 'v'), REPLICATION_OUT_OF_ORDER), -1);
+    EXPECT_TRUE(root.logged("Query too long for buffer"));
+    EXPECT_EQ(queue(), "1234567|128\n1234567|1");
+    EXPECT_EQ(status_rq(1234567, "absent"), 0);
+    EXPECT_EQ(status_rq(1234567, std::string(60, 'v')), -1);
+    EXPECT_EQ(set_status_rq(1, "absent", REPLICATION_SKIPPED), 0);
+}
+
+TEST_F(Queue, SwapExchangesPositionsAndNothingElse) {
+    for (int number : {1, 2, 3})
+        backup(number, TYPE_MASTER, number, 100);
+    row(1, 1);
+    row(2, 1);
+    row(3, 1);
+    row(1, 2, "other");
+    EXPECT_EQ(swap_rq(1, "vault", 3, "vault"), 0);
+    EXPECT_EQ(queue(), "3|1\n2|1\n1|1\n1|2");
+    EXPECT_EQ(swap_rq(2, "vault", 2, "vault"), 0);
+    EXPECT_EQ(swap_rq(2, "vault", 99, "vault"), -1) << "a missing row has no position to give";
+    EXPECT_EQ(queue(), "3|1\n2|1\n1|1\n1|2");
+    EXPECT_EQ(swap_rq(1, "other", 2, "vault"), 0);
+    EXPECT_EQ(queue(), "3|1\n1|2\n1|1\n2|1");
+}
+
+TEST_F(Queue, TerminationRequestsComeInOrderWithTheFirstTarget) {
+    for (int number : {1, 2, 3})
+        backup(number, TYPE_MASTER, number, 100);
+    row(3, REPLICATION_NEEDED, "first");
+    row(1, REPLICATION_NEEDED, "second");
+    row(2, REPLICATION_ACTIVE, "second");
+    EXPECT_EQ(cleanup_rq(3, "first") + cleanup_rq(1, "second"), 0);
+    std::vector<QueueEntry> rows;
+    EXPECT_EQ(terminated_rq(1, &rows), 1);
+    ASSERT_EQ(terminated_rq(5, &rows), 2);
+    EXPECT_EQ(rows[0].backupNo, 3u);
+    EXPECT_EQ(rows[1].backupNo, 1u);
+    EXPECT_EQ(rows[1].vault, "first");
+    EXPECT_EQ(peek_rq(0), 0);
+    EXPECT_EQ(reset_active_rq(), 0);
+    EXPECT_EQ(peek_rq(0), 2);
+    EXPECT_EQ(peek_rq(1), 0);
+    row(2, REPLICATION_COMPLETE, "third");
+    EXPECT_EQ(backup_status_rq(2), 0) << "two rows tell nothing";
+    EXPECT_EQ(delete_complete_rq(), 0);
+    EXPECT_EQ(backup_status_rq(2), REPLICATION_NEEDED);
+    catalogue.sql("DELETE FROM dq.backups WHERE backup_no = 2");
+    EXPECT_EQ(queue(), "3|32\n1|32") << "a deleted backup takes its rows along";
+}
+
+TEST_F(Queue, SelfContainedBackupIsEnqueuedOnce) {
+    backup(1, TYPE_HYPERV_FULL, 1, 100, "sync_status = 2");
+    EXPECT_EQ(enqueue_rq(1, "vault"), 0);
+    EXPECT_EQ(sync(), "1|1");
+    EXPECT_EQ(complete_rq(1, "vault"), 0);
+    EXPECT_EQ(enqueue_rq(1, "vault"), 0);
+    EXPECT_EQ(queue(), "1|2");
+    EXPECT_EQ(enqueue_rq(99, "vault"), -1);
+}
+
+TEST_F(Queue, EnqueueBringsTheChainAndRevivesOnlyWhatIsAtRest) {
+    instance(1, 1);
+    backup(1, TYPE_MASTER, 1, 100);
+    backup(2, TYPE_DIFFERENTIAL, 1, 200);
+    for (int number : {3, 4, 5, 6, 7})
+        backup(number, TYPE_INCREMENTAL, 1, number * 100);
+    row(2, REPLICATION_COMPLETE);
+    row(3, REPLICATION_SKIPPED);
+    row(4, REPLICATION_TERMINATED);
+    row(5, REPLICATION_OUT_OF_ORDER);
+    row(6, REPLICATION_ACTIVE);
+    EXPECT_EQ(enqueue_rq(7, "vault"), 0);
+    EXPECT_EQ(queue(), "2|2\n3|1\n4|1\n5|128\n6|16\n1|1\n7|1");
+    EXPECT_EQ(enqueue_rq(7, "vault"), 0);
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.replication_queue"), "7");
+}
+
+TEST_F(Queue, EnqueueFollowsTheRestoreChainOfOtherFamilies) {
+    instance(1, 4, "'host', 'machine'");
+    backup(1, TYPE_ESX_FULL, 1, 100);
+    backup(2, TYPE_ESX_DIFF, 1, 200);
+    backup(3, TYPE_ESX_INCR, 1, 300);
+    backup(4, TYPE_ESX_INCR, 1, 400);
+    backup(5, TYPE_ESX_INCR, 2, 400);
+    EXPECT_EQ(enqueue_rq(3, "vault"), 0);
+    EXPECT_EQ(queue(), "1|1\n2|1\n3|1");
+    EXPECT_EQ(enqueue_rq(5, "vault"), 0) << "without a chain nothing is added, and that is no failure";
+    EXPECT_EQ(queue(), "1|1\n2|1\n3|1");
+    EXPECT_TRUE(root.logged("ERROR:Could not determine restore group; Skipping backup 5"));
+}
+
+class Prune : public Queue {
+protected:
+    // Instance 1: an old chain with bare-metal backups, queued and not, then a new Master. Instance 2: an older row.
+    void SetUp() override {
+        Queue::SetUp();
+        instance(1, 1);
+        const std::string needed = "sync_status = 1";
+        backup(1, TYPE_BARE_METAL, 1, 50, needed);
+        backup(2, TYPE_MASTER, 1, 100, needed);
+        backup(3, TYPE_INCREMENTAL, 1, 110, needed);
+        backup(4, TYPE_BARE_METAL, 1, 120, needed);
+        backup(5, TYPE_INCREMENTAL, 1, 130, needed);
+        backup(6, TYPE_MASTER, 2, 90, needed);
+        backup(10, TYPE_MASTER, 1, 200, needed);
+        for (int number : {2, 3, 4, 6, 10})
+            row(number, REPLICATION_NEEDED);
+        row(5, REPLICATION_ACTIVE);
+    }
+    const std::string untouched = "2|1\n3|1\n4|1\n6|1\n10|1\n5|16";
+};
+
+TEST_F(Prune, NewMasterMakesOlderWaitingRowsNeedless) {
+    EXPECT_EQ(prune_older_rq(10, "vault"), 0);
+    EXPECT_EQ(queue(), "4|1\n6|1\n10|1\n5|16");
+    EXPECT_EQ(sync(), "1|0\n2|0\n3|0\n4|1\n5|1\n6|1\n10|1");
+}
+
+TEST_F(Prune, AnchorOfAnIncrementalIsTheMasterOfItsSynthesis) {
+    backup(11, TYPE_INCREMENTAL, 1, 220);
+    EXPECT_EQ(prune_older_rq(11, "vault"), 0);
+    EXPECT_EQ(queue(), "4|1\n6|1\n10|1\n5|16");
+}
+
+TEST_F(Prune, AnchorOfADifferentialIsTheMasterBeforeIt) {
+    backup(11, TYPE_DIFFERENTIAL, 1, 210);
+    EXPECT_EQ(prune_older_rq(11, "vault"), 0);
+    EXPECT_EQ(queue(), "4|1\n6|1\n10|1\n5|16");
+}
+
+TEST_F(Prune, WithoutAnchorNothingIsPruned) {
+    catalogue.sql("UPDATE dq.backups SET type = 12 WHERE type = 1");
+    backup(11, TYPE_ESX_DIFF, 1, 210);
+    catalogue.sql("UPDATE dq.application_instances SET app_id = 4, key1 = 'h', key2 = 'm'");
+    EXPECT_EQ(prune_older_rq(11, "vault"), 0);
+    EXPECT_EQ(queue(), untouched);
+    backup(12, TYPE_INCREMENTAL, 1, 220, "status = 4096");
+    EXPECT_EQ(prune_older_rq(12, "vault"), -1);
+    EXPECT_EQ(queue(), untouched);
+    EXPECT_EQ(prune_older_rq(10, "other target"), 0);
+    EXPECT_EQ(queue(), untouched);
+}
+
+TEST_F(Queue, ResolvingDropsNewerRowsOnlyIfOneWasReplicated) {
+    for (int number : {1, 2, 3})
+        backup(number, TYPE_MASTER, 1, number * 100);
+    backup(4, TYPE_MASTER, 2, 400);
+    row(1, REPLICATION_COMPLETE);
+    row(2, REPLICATION_OUT_OF_ORDER);
+    row(3, REPLICATION_NEEDED);
+    row(4, REPLICATION_COMPLETE);
+    EXPECT_EQ(resolve_out_of_order_rq(2), 0);
+    EXPECT_EQ(queue(), "1|2\n2|1\n3|1\n4|2");
+    EXPECT_EQ(set_status_rq(2, "vault", REPLICATION_OUT_OF_ORDER), 0);
+    EXPECT_EQ(complete_rq(3, "vault"), 0);
+    EXPECT_EQ(resolve_out_of_order_rq(2), 0);
+    EXPECT_EQ(queue(), "1|2\n2|1\n4|2");
+    EXPECT_EQ(resolve_out_of_order_rq(3), -1) << "it has no row any more";
+    EXPECT_EQ(resolve_out_of_order_rq(99), -1);
+}
+
+TEST_F(Queue, TableIsMadeWithoutTheColumnThatTheSchemaAdds) {
+    EXPECT_EQ(create_replication_queue(), -1) << "it exists";
+    catalogue.sql("DROP TABLE dq.replication_queue");
+    backup(1, TYPE_MASTER, 1, 100);
+    EXPECT_EQ(insert_rq(1, "vault"), -1);
+    EXPECT_EQ(next_rq(nullptr), -1);
+    EXPECT_EQ(create_replication_queue(), 0);
+    EXPECT_EQ(insert_rq(1, "vault"), 0);
+    EXPECT_EQ(next_rq(nullptr), -1);
+    catalogue.sql("ALTER TABLE dq.replication_queue ADD COLUMN rep_start bigint");
+    EXPECT_EQ(next_rq(nullptr), 1);
+}
+
+}  // namespace

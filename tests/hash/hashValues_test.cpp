@@ -1,0 +1,235 @@
+#include "hash/hashValues.h"
+
+#include <csignal>
+
+#include "hash_fixture.h"
+
+namespace {
+
+using testsupport::at;
+using testsupport::recordOf;
+using testsupport::records;
+using HashValues = testsupport::HashCatalogue;
+
+TEST_F(HashValues, RecordsAreFoundByIDAndByDigestWhateverTheOrder) {
+    HashValuesPtr handle;
+    std::vector<hashValue> put = records(0, 1500);
+    std::vector<hashOffset> offsets;
+    for (int i = 0; i < 1500; ++i)
+        offsets.push_back(at(i * 100));
+    ASSERT_EQ(putAllHashValues(&handle, 3, 0, put, offsets), 0);
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values WHERE backup_no = 3"), "1500");
+
+    std::vector<hashReferenceInfo> wanted(3001);
+    for (std::size_t i = 0; i < 1500; ++i) {
+        static_cast<hashValue&>(wanted[i]) = recordOf("block " + std::to_string(1499 - i));
+        wanted[i + 1500].flags = hashID_in | hashValue_out;  // the out bit is of an earlier lookup
+        wanted[i + 1500].hashID = put[i].hashID;
+    }
+    static_cast<hashValue&>(wanted[3000]) = wanted[7];  // the same block twice
+    ASSERT_EQ(getHashValues_hri(&handle, wanted), 0);
+    for (std::size_t i = 0; i < 1500; ++i) {
+        ASSERT_EQ(wanted[i].flags, hashValue_in | hashID_out | hashValue_out);
+        ASSERT_EQ(wanted[i].hashID, put[1499 - i].hashID);
+        ASSERT_EQ(wanted[i].SISoffset, NO_SIS_OFFSET);
+        ASSERT_EQ(wanted[i + 1500].flags, hashID_in | hashID_out | hashValue_out);
+        ASSERT_EQ(std::memcmp(wanted[i + 1500].digest, put[i].digest, 64), 0);
+        ASSERT_EQ(wanted[i + 1500].hashedLength, put[i].hashedLength);
+    }
+    EXPECT_EQ(wanted[3000].hashID, wanted[7].hashID);
+}
+
+TEST_F(HashValues, ARecordWithoutARowOrAKeyStaysWithoutOutFlags) {
+    HashValuesPtr handle;
+    const std::uint64_t known = addHash("known");
+    std::vector<hashValue> list = {recordOf("unknown"), {}, {}, recordOf("known"), recordOf("known")};
+    list[1].flags = hashID_in;
+    list[1].hashID = known + 1000;
+    list[2].flags = hashID_out;
+    std::memcpy(list[4].hashType, "md5\0\0\0", 7);
+    ASSERT_EQ(getHashValues(&handle, list), 0);
+    const std::uint32_t flags[] = {hashValue_in, hashID_in, 0, hashValue_in | hashValue_out | hashID_out, hashValue_in};
+    for (std::size_t i = 0; i < list.size(); ++i)
+        EXPECT_EQ(list[i].flags, flags[i]) << i;
+    EXPECT_TRUE(root.logged("Unknown hash type in entry 4: 'md5"));
+    EXPECT_EQ(getHashValues(nullptr, list), -1);
+}
+
+TEST_F(HashValues, DuplicatesInOnePutAreStoredOnceAndAllTold) {
+    HashValuesPtr handle;
+    std::vector<hashValue> list = {recordOf("a"), recordOf("b"), recordOf("a"), recordOf("a")};
+    std::vector<hashOffset> offsets = {at(0), at(10), at(0), at(20)};
+    ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.hash_values"), "2");
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values"), "3");
+    for (const hashOffset& offset : offsets)
+        EXPECT_EQ(offset.flags, offset_in | offset_out);
+    for (const hashValue& value : list)
+        EXPECT_EQ(value.flags, hashValue_in | hashID_out | hashValue_out);
+
+    offsets.push_back(at(30));
+    list.push_back(recordOf("c"));
+    ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0) << "again, with one more";
+    for (std::size_t i = 0; i < 5; ++i)
+        EXPECT_EQ(offsets[i].flags, i == 4 ? offset_in | offset_out : offset_in) << i;
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values"), "4");
+}
+
+TEST_F(HashValues, AFailedPutLeavesNothingBehind) {
+    HashValuesPtr handle;
+    const auto rows = [&] { return catalogue.value("SELECT count(*) FROM dq.hash_values"); };
+    std::vector<hashValue> list = records(0, 3);
+    std::vector<hashOffset> offsets = {at(0), at(10), {0, 0, 20}};
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "a mapping without an offset";
+    EXPECT_EQ(rows(), "0");
+    offsets[2] = at(10);
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "two hashes at one place";
+    EXPECT_EQ(rows(), "0");
+    for (const hashOffset& offset : offsets)
+        EXPECT_EQ(offset.flags, offset_in);
+    offsets[2] = at(20);
+    EXPECT_EQ(putBackupsHashValues(&handle, 1, 0, list, offsets), -1) << "hashes that must exist";
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, std::span(offsets).first(2)), -1) << "lists of unlike length";
+    std::memcpy(list[1].hashType, "sha1\0\0", 7);
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "an unknown type";
+    EXPECT_EQ(rows(), "0");
+    list[1] = recordOf("block 1");
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0) << "the handle is still good";
+    EXPECT_EQ(putBackupsHashValues(&handle, 2, 0, list, offsets), 0);
+    EXPECT_EQ(rows(), "3");
+}
+
+TEST_F(HashValues, ADeduplicatedMappingNeedsDataSomewhere) {
+    HashValuesPtr handle;
+    const std::uint64_t inBackup = addHash("in a backup");
+    addMapping(1, inBackup, 0);
+    addMapping(1, addHash("half hashed"), 100, "NULL", true);
+    addMapping(1, addHash("only a reference"), 200, "7");
+    std::vector<hashValue> list = {recordOf("in a backup"), recordOf("half hashed"), recordOf("only a reference"),
+                                   recordOf("in the store"), recordOf("nowhere")};
+    list[3].flags |= SISoffset_in;
+    list[3].SISoffset = 0x800000;
+    list[3].compressedLength = 11;
+    std::vector<hashOffset> offsets = {at(0), at(1), at(2), at(3), at(4)};
+    ASSERT_EQ(putAllHashValues(&handle, 2, 9, list, offsets), 0);
+    const bool inserted[] = {true, false, false, true, false};
+    for (std::size_t i = 0; i < list.size(); ++i)
+        EXPECT_EQ((offsets[i].flags & offset_out) != 0, inserted[i]) << i;
+    EXPECT_TRUE(root.logged("checkForDataPSQL(): Did NOT find Data for hashID " + std::to_string(list[4].hashID)));
+    EXPECT_EQ(catalogue.rows("SELECT file_offset, deduplicated, hash_incomplete FROM dq.backups_hash_values WHERE "
+                             "backup_no = 2 ORDER BY 1"),
+              "0|9|f\n3|9|f");
+    EXPECT_EQ(list[3].flags & SISoffset_out, SISoffset_out);
+    EXPECT_EQ(catalogue.value("SELECT sis_offset || ' ' || compressed_length FROM dq.hash_values WHERE sis_offset IS "
+                              "NOT NULL"),
+              "8388608 11");
+}
+
+TEST_F(HashValues, ADatabaseWithoutCompressedLengthIsServedToo) {
+    catalogue.sql("ALTER TABLE dq.hash_values DROP COLUMN compressed_length");
+    HashValuesPtr handle;
+    std::vector<hashValue> list = {recordOf("a")};
+    std::vector<hashOffset> offsets = {at(0)};
+    list[0].flags |= SISoffset_in;
+    list[0].SISoffset = 4096;
+    ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
+    EXPECT_TRUE(root.logged("Did not find column 'compressed_length'"));
+    list[0].SISoffset = 8192;
+    ASSERT_EQ(updateSISoffsets(&handle, list), 0);
+    EXPECT_EQ(catalogue.value("SELECT sis_offset FROM dq.hash_values"), "8192");
+    SIShashReference references[2];
+    EXPECT_EQ(getSIShashReferencesBySISoffset(&handle, 0, references), 1);
+    EXPECT_EQ(references[0].SISoffset, 8192u);
+}
+
+TEST_F(HashValues, UpdateChangesTheMappingsThatItsBoundsName) {
+    HashValuesPtr handle;
+    const std::uint64_t hash = addHash("a");
+    const struct {
+        const char* what;
+        std::uint32_t referenceFlags;
+        std::uint64_t deduplicated;
+        bool withID;
+        std::int64_t first;
+        std::int64_t last;
+        std::int64_t changed;
+        const char* rows;
+    } cases[] = {
+        {"nothing to do", 0, 5, false, 0, INT64_MAX, 0, "0|7|t\n10|7|t\n20|7|t"},
+        {"all complete", complete_in | reference_complete, 5, false, 0, INT64_MAX, 3, "0|7|f\n10|7|f\n20|7|f"},
+        {"0 writes the default", deduplicated_in, 0, false, 10, 10, 1, "0|7|t\n10||t\n20|7|t"},
+        {"both", deduplicated_in | complete_in | reference_complete, 5, true, 0, 0, 1, "0|5|f\n10|7|t\n20|7|t"},
+        {"a first bound is the only one", deduplicated_in, 5, false, 10, 15, 2, "0|7|t\n10|5|t\n20|5|t"},
+        {"the last bound without a first", deduplicated_in, 5, false, 0, 10, 2, "0|5|t\n10|5|t\n20|7|t"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        catalogue.sql("DELETE FROM dq.backups_hash_values");
+        for (const std::int64_t offset : {0, 10, 20})
+            addMapping(4, hash, offset, "7", true);
+        hashReferenceInfo record{};
+        record.backupNumber = 4;
+        record.referenceFlags = c.referenceFlags;
+        record.deduplicated = c.deduplicated;
+        record.hashID = hash;
+        record.flags = c.withID ? hashID_in : 0;
+        EXPECT_EQ(updateHashInfo(&handle, record, c.first, c.last), c.changed);
+        EXPECT_EQ(catalogue.rows("SELECT file_offset, deduplicated, hash_incomplete FROM dq.backups_hash_values ORDER "
+                                 "BY file_offset"),
+                  c.rows);
+    }
+    EXPECT_EQ(deleteHashValueMappings(&handle, 4, 10, 15), 1);
+    EXPECT_EQ(deleteHashValueMappings(&handle, 4, 0, INT64_MAX), 2);
+    EXPECT_TRUE(root.logged("deleteHashValueMappings(): 1 hash mapping deleted for backup 4"));
+}
+
+TEST_F(HashValues, OrphansAreDeletedAndWhatIsUsedStays) {
+    HashValuesPtr handle;
+    const auto inStore = [&](const std::string& data, int offset) {
+        const std::uint64_t id = addHash(data);
+        catalogue.sql("UPDATE dq.hash_values SET sis_offset = " + std::to_string(offset) +
+                      ", compressed_length = 3 WHERE hash_id = " + std::to_string(id));
+        return id;
+    };
+    const std::uint64_t used = inStore("used", 8192);
+    addMapping(1, used, 0);
+    addMapping(2, used, 0);
+    inStore("orphan in the store", 4096);
+    const std::uint64_t mapped = addHash("mapped");
+    addMapping(1, mapped, 50);
+    addHash("orphan");
+    SIShashReference references[4];
+    ASSERT_EQ(getSIShashReferencesBySISoffset(&handle, 100, references), 1);
+    EXPECT_EQ(references[0].hashID, used);
+    EXPECT_EQ(references[0].compressedLength, 3u);
+    EXPECT_EQ(references[1].SISoffset, NO_SIS_OFFSET);
+    EXPECT_EQ(deleteOrphanedHashes(&handle, 100), 1);
+    EXPECT_EQ(catalogue.rows("SELECT hash_id FROM dq.hash_values ORDER BY 1"),
+              std::to_string(used) + "\n" + std::to_string(mapped));
+}
+
+TEST_F(HashValues, AServerThatWasRestartedIsConnectedToAgain) {
+    HashValuesPtr handle;
+    addHash("a");
+    std::vector<hashValue> list = {recordOf("a")};
+    ASSERT_EQ(getHashValues(&handle, list), 0);
+    catalogue.restart();
+    ASSERT_EQ(getHashValues(&handle, list), 0);
+    EXPECT_EQ(list[0].flags & hashID_out, hashID_out);
+    EXPECT_TRUE(root.logged("No database connection for our query"));
+}
+
+TEST_F(HashValues, AnotherGenerationIsRefusedBeforeAnythingIsTouched) {
+    testsupport::writeFile(root / "var/opt/kestrelix/platform_capabilities", "dedupNT\n");
+    root.masterIni("[fileDedup]\nMetadataGeneration=1\n");
+    forgetMetadataGeneration();
+    HashValuesPtr handle;
+    std::vector<hashValue> list = {recordOf("a")};
+    std::vector<hashOffset> offsets = {at(0)};
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
+    EXPECT_EQ(getHashValues(&handle, list), -1);
+    EXPECT_TRUE(root.logged("Invalid metadata generation: 1"));
+    EXPECT_FALSE(handle);
+}
+
+}  // namespace

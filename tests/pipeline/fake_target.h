@@ -1,0 +1,120 @@
+// fake_target.h - a target that keeps blocks in memory and can be told to fail.
+#pragma once
+
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "rest/blocks.h"
+#include "support/hashed_backup.h"
+#include "support/scripted_server.h"
+
+namespace testsupport {
+
+class FakeTarget {
+public:
+    FakeTarget() {
+        server_.standing([this](Peer& peer) {
+            if (peer.readRequest())
+                peer.send(replyTo(peer.request()));
+        });
+    }
+
+    [[nodiscard]] const std::string& name() const { return server_.name(); }
+
+    // What the requests were, in order: their last path segment, of single blocks only "b-LENGTH".
+    [[nodiscard]] std::vector<std::string> asked() {
+        std::vector<std::string> names;
+        for (const Request& request : server_.requests())
+            names.push_back(nameOf(request));
+        return names;
+    }
+    [[nodiscard]] std::vector<Request> requests() { return server_.requests(); }
+
+    // Set before the phase runs, looked at after it.
+    std::set<std::string> blocks;                            // the data that it holds
+    std::map<std::string, std::deque<std::string>> instead;  // replies by name, nothing being done; empty: hangs up
+    std::deque<std::int64_t> countErrors;                    // added to the next counts
+
+private:
+    static std::string nameOf(const Request& request) {
+        const std::string path = request.path();
+        const std::string name = path.substr(path.rfind('/') + 1);
+        return name.starts_with("b-sha512-") ? "b-" + name.substr(9, name.find('-', 9) - 9) : name;
+    }
+
+    std::string replyTo(const Request& request) {
+        const std::lock_guard lock(mutex_);
+        const std::string name = nameOf(request);
+        EXPECT_EQ(request.header("X-BackupNo"), name == "backup-check" ? "" : "31");
+        if (std::deque<std::string>& replies = instead[name]; !replies.empty()) {
+            const std::string reply = replies.front();
+            replies.pop_front();
+            return reply;
+        }
+        if (name == "post-check-offset")
+            return ok(whichAreHere(request.body));
+        if (name == "multiblock")
+            storeAll(request);
+        else if (name == "backup-block-count")
+            return ok(count());
+        else
+            store(request.body, request.path().substr(request.path().rfind('-') + 1));
+        return ok("");
+    }
+
+    std::string whichAreHere(const std::string& body) const {
+        std::set<std::string> digests;
+        for (const std::string& block : blocks)
+            digests.insert(digestOf(block));
+        std::string reply;
+        for (std::size_t at = 0; at < body.size(); at += CHECK_RECORD_SIZE)
+            reply += digests.contains(body.substr(at + 16, HASH_VALUE_SIZE)) ? '1' : '0';
+        return reply;
+    }
+
+    static std::string digestOf(const std::string& block) {
+        const hashValue record = recordOf(block);
+        return {reinterpret_cast<const char*>(record.digest), sizeof record.digest};
+    }
+
+    void storeAll(const Request& request) {
+        std::size_t at = 0;
+        int number = 0;
+        for (; at + BLOCK_HEADER_SIZE <= request.body.size(); ++number) {
+            std::uint32_t length = 0;
+            std::memcpy(&length, request.body.data() + at + 8, sizeof length);
+            const std::string block = request.body.substr(at + BLOCK_HEADER_SIZE, length);
+            EXPECT_EQ(request.body.substr(at + 12, HASH_VALUE_SIZE), digestOf(block));
+            blocks.insert(block);
+            at += BLOCK_HEADER_SIZE + length;
+        }
+        EXPECT_EQ(at, request.body.size());
+        EXPECT_EQ(request.header("X-ClusterAmt"), std::to_string(number));
+    }
+
+    void store(const std::string& block, const std::string& hex) {
+        EXPECT_EQ(hashValueHex(recordOf(block)), hex);
+        blocks.insert(block);
+    }
+
+    std::string count() {
+        auto number = static_cast<std::int64_t>(blocks.size());
+        if (!countErrors.empty()) {
+            number += countErrors.front();
+            countErrors.pop_front();
+        }
+        std::string reply(sizeof number, '\0');
+        std::memcpy(reply.data(), &number, sizeof number);
+        return reply;
+    }
+
+    std::mutex mutex_;
+    ScriptedServer server_;  // last: it ends its scripts before what they use goes
+};
+
+}  // namespace testsupport

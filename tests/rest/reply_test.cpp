@@ -1,0 +1,295 @@
+// What becomes of every kind of reply, honest or not.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <bit>
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "bandwidth/blockOut.h"
+#include "foundation/services.h"
+#include "rest/blocks.h"
+#include "rest/lifecycle.h"
+#include "support/root.h"
+#include "support/scripted_server.h"
+
+namespace {
+
+using testsupport::answer;
+using testsupport::ok;
+using testsupport::Peer;
+using testsupport::ScriptedServer;
+
+constexpr int WRITE_ERROR = 23;  // libcurl's codes
+constexpr int PARTIAL_FILE = 18;
+constexpr int GOT_NOTHING = 52;
+constexpr std::string_view CONTINUE = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr std::string_view OUT_OF_ORDER =
+    "Warning: Failed to process metaData, tried to insert out of order backup sequence.\r\n";
+
+class Replies : public ::testing::Test {
+protected:
+    // end-backup has no reply of its own to check: the verdict alone.
+    int verdictOn(const std::string& raw) {
+        server.next(answer(raw));
+        curl = -1;
+        return endBackup(server.name(), "u", "Failed:", &curl);
+    }
+    std::int64_t check(std::string_view identity) {
+        curl = -1;
+        return postBackupCheck(server.name(), identity, 0, &status, &properties, &curl);
+    }
+
+    testsupport::TestRoot root;
+    ScriptedServer server;
+    int curl = -1;
+    std::uint64_t status = 1;
+    std::uint64_t properties = 1;
+};
+
+TEST_F(Replies, AreJudgedByTheirExactHeaderLines) {
+    const std::string end = "Content-Length: 0\r\n\r\n";
+    const std::string good = "HTTP/1.1 200 OK\r\n";
+    const std::string e500 = "HTTP/1.1 500 Internal Server Error\r\n";
+    const std::string e405 = "HTTP/1.1 405 Bad Request\r\n";
+    const std::string e503 = "HTTP/1.1 503 Service Unavailable\r\n";
+    const std::string cannot = "Warning: Failed to process metaData\r\n";
+    const std::string interim(CONTINUE);
+    const std::string outOfOrder(OUT_OF_ORDER);
+    const struct {
+        const char* what;
+        std::string raw;
+        int result;
+        int curl;
+    } cases[] = {
+        {"good", good + end, 0, 0},
+        {"405 as targets spell it", e405 + end, -3, 0},
+        {"405 as the standard spells it", "HTTP/1.1 405 Method Not Allowed\r\n" + end, 0, 0},
+        {"503", e503 + end, -4, 0},
+        {"503 of an older version", "HTTP/1.0 503 Service Unavailable\r\n" + end, 0, 0},
+        {"503 with other case", "HTTP/1.1 503 Service unavailable\r\n" + end, 0, 0},
+        {"503 after an interim reply", interim + e503 + end, -4, 0},
+        {"500 as the first line", e500 + end, -1, WRITE_ERROR},
+        {"500 after an interim reply", interim + e500 + end, 0, WRITE_ERROR},
+        {"404 is a line like any other", "HTTP/1.1 404 Not Found\r\n" + end, 0, 0},
+        {"out of order", good + outOfOrder + end, -5, 0},
+        {"can't process", good + cannot + end, -6, 0},
+        {"the first bad verdict wins", good + cannot + outOfOrder + end, -6, 0},
+        {"a bad status wins over a warning", e503 + cannot + end, -4, 0},
+        {"a good line clears nothing", e503 + "X-Fine: yes\r\n" + end, -4, 0},
+        {"a longer warning is another one", good + "Warning: Failed to process metaData!\r\n" + end, 0, 0},
+        {"a warning in a body is no header", ok(cannot), 0, 0},
+        {"line ends of another kind", good + "Warning: Failed to process metaData\n" + end, 0, 0},
+        {"header of 64 KiB", good + "X-Long: " + std::string(65536, 'x') + "\r\n" + end, 0, 0},
+        {"warning of 64 KiB", good + "Warning:" + std::string(65536, 'w') + "\r\n" + end, 0, 0},
+        {"warning with zero bytes", good + std::string("Warning: a\0b\r\n", 14) + end, 0, 8},
+        {"nothing", "", -1, GOT_NOTHING},
+        {"no HTTP", "SSH-2.0-OpenSSH\r\n", -1, 1},
+        {"length that lies", good + "Content-Length: 5\r\n\r\nabc", 0, PARTIAL_FILE},
+        {"chunks that end too early", good + "Transfer-Encoding: chunked\r\n\r\n5\r\nab", 0, PARTIAL_FILE},
+        {"chunk size that is none", good + "Transfer-Encoding: chunked\r\n\r\nzz\r\nab", 0, 56},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(verdictOn(c.raw), c.result);
+        EXPECT_EQ(curl, c.curl);
+    }
+    EXPECT_TRUE(root.logged("Failed Query"));
+    EXPECT_TRUE(root.logged("Warning: Failed to process metaData!"));
+}
+
+TEST_F(Replies, WithAVerdictKeepTheirPayloadOut) {
+    const std::string body = "Content-Length: 16\r\n\r\n" + std::string(16, '\1');
+    server.standing(answer("HTTP/1.1 200 OK\r\n" + std::string(OUT_OF_ORDER) + body));
+    EXPECT_EQ(startBackup(server.name(), "<doc/>", 0, &curl, false), -5) << "the worker pauses the instance";
+    EXPECT_EQ(check("u"), -1) << "a check has one kind of failure";
+    std::int64_t count = 44;
+    EXPECT_EQ(postBlockCount(server.name(), 1, &curl, &count), -5);
+    EXPECT_EQ(count, 44);
+    EXPECT_EQ(status, 1u);
+    EXPECT_TRUE(root.logged("Curl failure: curl_easy_perform:0, stat.errorCode:-5, response payload size:16"));
+}
+
+TEST_F(Replies, ToABackupCheckComeInThreeForms) {
+    std::string words(24, '\0');
+    words[0] = 9;
+    words[9] = 4;  // 0x400
+    words[17] = 6;
+    const std::string covered = words + "identity";
+    const auto crc = crc32_buffer(reinterpret_cast<const unsigned char*>(covered.data()), covered.size());
+    const auto crcOf24 = crc32_buffer(reinterpret_cast<const unsigned char*>(words.data()), words.size());
+    const auto raw = [](std::uint32_t value) {
+        return std::string(std::bit_cast<std::array<char, 4>>(value).data(), 4);
+    };
+    const struct {
+        const char* what;
+        const char* required;
+        std::string reply;
+        std::string identity;
+        std::int64_t result;
+        std::uint64_t properties;
+        const char* logged;
+    } cases[] = {
+        {"too small", "0", words.substr(0, 15), "identity", -1, 1,
+         "too small for any supported protocol version. Size: 15"},
+        {"no properties", "0", words.substr(0, 16), "identity", 9, 0, "local block elimination is not supported"},
+        {"almost properties", "0", words.substr(0, 23), "identity", 9, 0,
+         "does not support providing backup properties"},
+        {"properties", "0", words, "identity", 9, 0x600, "Backup properties on target is 1536"},
+        {"a checksum that nobody asked for", "0", covered + raw(~crc), "identity", 9, 0x600, "Protocol Three Size:36"},
+        {"a checksum that is right", "1", covered + raw(crc), "identity", 9, 0x600, "Checksum results."},
+        {"a checksum that is wrong", "1", covered + raw(crc ^ 1), "identity", -1, 1,
+         "Checksum does not match in response."},
+        {"no room for a checksum", "1", words, "identity", -1, 1, "Set [Replication] RequireChecksum=0"},
+        {"a byte short of it", "1", covered + raw(crc).substr(0, 3), "identity", -1, 1, "too small to contain one"},
+        {"only 1 asks for it", "2", covered + raw(~crc), "identity", 9, 0x600, ""},
+        {"an empty identity", "1", words + raw(crcOf24), "", 9, 0x600, "Protocol Three Size:28"},
+        {"bytes behind the checksum", "1", covered + raw(crc) + "more", "identity", 9, 0x600, "Checksum results."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        root.masterIni("[Replication]\nRequireChecksum=" + std::string(c.required) + "\n");
+        root.clearLog();
+        status = properties = 1;
+        server.next(answer(ok(c.reply)));
+        EXPECT_EQ(check(c.identity), c.result);
+        EXPECT_EQ(status, c.result == -1 ? 1u : 0x400u);
+        EXPECT_EQ(properties, c.properties);
+        EXPECT_TRUE(root.logged(c.logged));
+    }
+}
+
+TEST_F(Replies, OfTheWrongLengthAreRefused) {
+    const hashReferenceInfo batch[3] = {};
+    for (const char* const reply : {"", "10", "1000"}) {
+        std::optional<std::string> answered;
+        server.next(answer(ok(reply)));
+        EXPECT_EQ(postCheckOffset(server.name(), batch, &answered, 1, &curl), -1);
+        EXPECT_FALSE(answered);
+    }
+    EXPECT_TRUE(root.logged("ERROR: Unexpected response payload size:4, expected size:3, curl_easy_perform:0."));
+    std::int64_t count = 44;
+    server.next(answer(ok("1234567")));
+    EXPECT_EQ(postBlockCount(server.name(), 1, &curl, &count), -1);
+    EXPECT_EQ(count, 44);
+    server.next(answer(ok("")));
+    EXPECT_EQ(startBackup(server.name(), "<doc/>", 0, &curl, false), -1);
+    EXPECT_TRUE(root.logged("ERROR: Unexpected response payload size:0, expected size>0"));
+}
+
+TEST_F(Replies, CutAtAnyByteNeverPassForWhole) {
+    const std::string whole = "HTTP/1.1 200 OK\r\nContent-Length: 24\r\n\r\n" + std::string(24, '\1');
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        SCOPED_TRACE(size);
+        server.next(answer(whole.substr(0, size)));
+        const std::int64_t number = check("u");
+        EXPECT_EQ(number >= 0 && curl == 0, size == whole.size());
+    }
+    server.next([&](Peer& peer) {
+        peer.readRequest();
+        peer.send(whole.substr(0, 50));
+        peer.reset();
+    });
+    (void)check("u");
+    EXPECT_NE(curl, 0);
+}
+
+TEST_F(Replies, WithoutEndAreCutOff) {
+    const auto endless = [](std::string head, std::string part) {
+        return [head, part](Peer& peer) {
+            if (!peer.readRequest() || !peer.send(head))
+                return;
+            while (peer.send(part)) {
+            }
+        };
+    };
+    server.next(endless("HTTP/1.1 200 OK\r\n", "X-Fill: " + std::string(1000, 'f') + "\r\n"));
+    (void)check("u");
+    EXPECT_NE(curl, 0) << "headers";
+    server.next(endless("HTTP/1.1 200 OK\r\nX-Fill: ", std::string(1000, 'f')));
+    (void)check("u");
+    EXPECT_NE(curl, 0) << "one header";
+    server.next(endless("HTTP/1.1 200 OK\r\n\r\n", std::string(1 << 16, 'b')));
+    (void)check("u");
+    EXPECT_EQ(curl, WRITE_ERROR) << "body";
+    EXPECT_TRUE(root.logged("The reply is longer than 67108864 bytes, cut off"));
+}
+
+TEST_F(Replies, ThatComeBeforeTheBodyWasSentAreHeard) {
+    const std::vector<std::byte> body(4 << 20);
+    const auto early = [](std::string raw) {
+        return [raw](Peer& peer) {
+            peer.readHead();
+            peer.send(raw);
+            peer.waitForEnd();
+        };
+    };
+    server.next(early("HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_EQ(putMultiBlocks(server.name(), body, 1, 1, &curl), -4);
+    server.next(early(std::string(CONTINUE) + "HTTP/1.1 500 Internal Server Error\r\n\r\n"));
+    EXPECT_EQ(putMultiBlocks(server.name(), body, 1, 1, &curl), 0);
+    EXPECT_EQ(curl, WRITE_ERROR) << "so both results must be looked at";
+}
+
+TEST_F(Replies, OfATargetThatHangsUpWhileItReadsAreFailures) {
+    const std::vector<std::byte> body(4 << 20);
+    for (const std::size_t size : {0u, 1u, 70000u, 3000000u}) {
+        SCOPED_TRACE(size);
+        server.next([size](Peer& peer) {
+            peer.readHead();
+            peer.send(CONTINUE);
+            std::size_t left = size;
+            while (left > 0) {
+                const std::size_t got = peer.readSome(left).size();
+                if (got == 0)
+                    return;
+                left -= got;
+            }
+        });
+        (void)putMultiBlocks(server.name(), body, 1, 1, &curl);
+        EXPECT_NE(curl, 0);
+    }
+    const std::string name = server.name();
+    EXPECT_EQ(endBackup(name.substr(0, name.find(':')) + ":1", "u", "m", &curl), -1) << "nobody there";
+    EXPECT_EQ(curl, 7);
+}
+
+TEST_F(Replies, AreWaitedForAsLongAsTheTargetIsSilent) {
+    std::optional<ScriptedServer> silent(std::in_place);
+    std::promise<void> wasAsked;
+    silent->next([&](Peer& peer) {
+        peer.readRequest();
+        wasAsked.set_value();
+        peer.waitForEnd();
+    });
+    int result = 0;
+    EXPECT_FALSE(transferIsRunning());
+    std::thread waiting([&, name = silent->name()] { result = endBackup(name, "u", "m", &curl); });
+    wasAsked.get_future().wait();
+    EXPECT_TRUE(transferIsRunning());
+    silent.reset();
+    waiting.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(curl, GOT_NOTHING);
+    EXPECT_FALSE(transferIsRunning());
+}
+
+TEST_F(Replies, TakeTheirTimeWhenTheBandwidthIsSmall) {
+    ASSERT_EQ(createBandwidthTable(), 0);
+    ASSERT_EQ(parseBlockOutPeriods("=4096"), 0);
+    getThreadCurlData()->lastSecond = 0;  // a limit takes effect with the next second
+    const std::string body(9000, 'b');
+    server.standing(answer(ok("")));
+    timeval start;
+    timeval end;
+    ASSERT_EQ(gettimeofday(&start, nullptr), 0);
+    EXPECT_EQ(putMultiBlocks(server.name(), std::as_bytes(std::span(body)), 1, 1, &curl), 0);
+    ASSERT_EQ(gettimeofday(&end, nullptr), 0);
+    EXPECT_EQ(end.tv_sec - start.tv_sec, 2) << "4096 bytes in each of two seconds, the rest in the third";
+    EXPECT_EQ(server.lastRequest().body, body);
+    detachBandwidthTable();
+    EXPECT_EQ(putMultiBlocks(server.name(), std::as_bytes(std::span(body)), 1, 1, &curl), 0);
+}
+
+}  // namespace

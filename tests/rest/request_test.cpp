@@ -1,0 +1,237 @@
+// What each request puts on the wire, to the byte.
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "rest/blocks.h"
+#include "rest/files.h"
+#include "rest/lifecycle.h"
+#include "support/hashed_backup.h"
+#include "support/root.h"
+#include "support/scripted_server.h"
+
+namespace {
+
+using testsupport::answer;
+using testsupport::ok;
+using testsupport::Request;
+using testsupport::ScriptedServer;
+
+constexpr std::string_view PREFIX = "/cgi-bin/vaultServer/";
+
+std::span<const std::byte> bytesOf(std::string_view text) {
+    return std::as_bytes(std::span(text));
+}
+
+// The record of a block at an offset of its backup, as a list delivers it.
+hashReferenceInfo listed(std::string_view data, std::int64_t offset) {
+    hashReferenceInfo record{};
+    static_cast<hashValue&>(record) = testsupport::recordOf(data);
+    record.fileOffset = offset;
+    return record;
+}
+
+template <typename T>
+std::string little(T value) {
+    std::string text;
+    for (std::size_t i = 0; i < sizeof value; ++i)
+        text += static_cast<char>(static_cast<std::uint64_t>(value) >> (8 * i));
+    return text;
+}
+
+std::string typeAndPad() {
+    return std::string("sha512\0\0", 8);
+}
+
+std::string digestOf(const hashValue& record) {
+    return {reinterpret_cast<const char*>(record.digest), sizeof record.digest};
+}
+
+class Requests : public ::testing::Test {
+protected:
+    testsupport::TestRoot root;
+    ScriptedServer server;
+    int curl = -1;
+};
+
+TEST_F(Requests, HaveExactlyTheirHeadersInTheirOrder) {
+    const hashReferenceInfo a = listed("first", 0);
+    const hashReferenceInfo b = listed("second block", 1 << 20);
+    const hashReferenceInfo batch[] = {a, b};
+    const std::string file = root / "hactar_12";
+    testsupport::writeFile(file, "plain file");
+    std::uint64_t word = 0;
+    std::int64_t count = 0;
+    std::optional<std::string> reply;
+    const auto check = [&](std::uint64_t number) {
+        return postBackupCheck(server.name(), std::string_view("ubi\0", 4), number, &word, &word, &curl);
+    };
+    const std::string record = typeAndPad() + little<std::uint64_t>(5) + digestOf(a) + little<std::uint64_t>(0) +
+                               typeAndPad() + little<std::uint64_t>(12) + digestOf(b) + little<std::uint64_t>(1 << 20);
+    ASSERT_EQ(record.size(), 176u);
+    const RequestBody blocks[] = {{bytesOf("first").data(), 5}, {nullptr, 0}};
+    const std::string ubi("ubi\0", 4);
+    // `headers` are the lines joined by '|'.
+    const auto expect = [&](const char* what, const std::string& line, const std::string& headers,
+                            const std::string& body, const std::string& raw, std::int64_t result, const auto& call) {
+        SCOPED_TRACE(what);
+        const std::size_t before = server.requests().size();
+        server.next(answer(ok(raw)));
+        curl = -1;
+        EXPECT_EQ(call(), result);
+        EXPECT_EQ(curl, 0);
+        ASSERT_EQ(server.requests().size(), before + 1) << "one request each";
+        const Request request = server.lastRequest();
+        const std::size_t blank = line.find(' ') + 1;
+        EXPECT_EQ(request.line, line.substr(0, blank) + std::string(PREFIX) + line.substr(blank) + " HTTP/1.1");
+        EXPECT_EQ(request.ownHeaders(), headers);
+        EXPECT_TRUE(request.isComplete && request.body == body);
+        const bool isChunked = line == "POST backup-block-count";
+        EXPECT_EQ(request.header("Content-Length"), isChunked ? "" : std::to_string(body.size()));
+        EXPECT_EQ(request.header("Expect"), isChunked || line.starts_with("PUT") ? "100-continue" : "");
+    };
+    expect("check", "POST backup-check", "X-Amt:4|X-Protocol: 1", ubi, std::string(16, '\2'), 0x0202020202020202,
+           [&] { return check(0); });
+    expect("check of a known number", "POST backup-check", "X-Amt:4|X-Protocol: 1|X-BackupNo: 4294967297", ubi,
+           std::string(16, '\0'), 0, [&] { return check(4294967297); });
+    expect("start", "POST start-backup", "X-Time: 5|X-Amt:6|X-Protocol: 1|X-ReserveSize:77", "<doc/>", "123\n", 123,
+           [&] { return startBackup(server.name(), "<doc/>", 77, &curl, false); });
+    expect("forced start", "POST start-backup", "X-Time: 5|X-Amt:6|X-Protocol: 1|X-ReserveSize:0|X-Force: FORCE",
+           "<doc/>", "abc", 0, [&] { return startBackup(server.name(), "<doc/>", 0, &curl, true); });
+    expect("count", "POST backup-block-count", "X-Protocol: 1|X-BackupNo: 9", "", "12345678 and more", 0,
+           [&] { return postBlockCount(server.name(), 9, &curl, &count); });
+    expect("count of no number", "POST backup-block-count", "X-Protocol: 1", "", "12345678", 0,
+           [&] { return postBlockCount(server.name(), 0, &curl, &count); });
+    expect("end", "POST end-backup", "X-Amt:7|X-BackupUUID: u_1_2|X-Protocol: 1", "Failed:", "", 0,
+           [&] { return endBackup(server.name(), "u_1_2", "Failed:", &curl); });
+    expect("end without identity", "POST end-backup", "X-Amt:7|X-Protocol: 1", "Failed:", "", 0,
+           [&] { return endBackup(server.name(), "", "Failed:", &curl); });
+    expect("post check", "POST post-check-offset", "X-Expect:2|X-BackupNo: 31|X-Protocol: 1", record, "10", 0,
+           [&] { return postCheckOffset(server.name(), batch, &reply, 31, &curl); });
+    expect("post check of no number", "POST post-check-offset", "X-Expect:2|X-Protocol: 1", record, "01", 0,
+           [&] { return postCheckOffset(server.name(), batch, &reply, 0, &curl); });
+    expect("multiblock", "PUT multiblock",
+           "X-Offset: 1|X-Time: 5|X-BackupNo: 31|X-BackupSize: 8|X-ClusterAmt: 2|X-Protocol: 1", "the body", "", 0,
+           [&] { return putMultiBlocks(server.name(), bytesOf("the body"), 2, 31, &curl); });
+    expect("single blocks", "PUT b-sha512-5-" + hashValueHex(a), "X-Protocol: 1|X-Offset: 0|X-Time: 5|X-BackupNo: 31",
+           "first", "", 2, [&] { return putBlocks(server.name(), blocks, batch, 1, 31, &curl); });
+    expect("file", "PUT f-" + file, "X-Protocol: 1|X-BackupNo: 31|X-ElapsedTime: 66", "plain file", "", 0,
+           [&] { return putFile(server.name(), file, 31, &curl, 66); });
+    EXPECT_EQ(count, 0x3837363534333231);
+    EXPECT_EQ(reply, "01");
+    EXPECT_TRUE(root.logged("Query: " + server.name() + "/cgi-bin/vaultServer/multiblock"));
+}
+
+TEST_F(Requests, ABlockThatIsNotWhatItsNameSaysIsNotSentWhenItIsVerified) {
+    const hashReferenceInfo records[] = {listed("first", 0), listed("second", 5)};
+    const RequestBody blocks[] = {{bytesOf("First").data(), 5}, {bytesOf("second").data(), 6}};
+    server.standing(answer(ok("")));
+    EXPECT_EQ(putBlocks(server.name(), blocks, records, 1, 3, &curl), 2);
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_TRUE(root.logged("Hash given does not match calculated hash"));
+    server.next(answer("HTTP/1.1 503 Service Unavailable\r\n\r\n"));
+    EXPECT_EQ(putBlocks(server.name(), blocks, records, 0, 3, &curl), 2) << "lost blocks show at the next checkpoint";
+    EXPECT_EQ(server.requests().size(), 2u);
+}
+
+TEST_F(Requests, ThatCannotBePutTogetherAreNotMade) {
+    EXPECT_EQ(endBackup(server.name(), std::string(512 - sizeof "X-BackupUUID: ", 'u') + "xx", "m", &curl), -1);
+    EXPECT_TRUE(root.logged("Message too long for buffer"));
+    EXPECT_EQ(endBackup(server.name(), "u\r\nX-Force: FORCE", "m", &curl), -1) << "an identity is data";
+    EXPECT_EQ(putMultiBlocks(server.name(), {}, 0, 3, &curl), -1);
+    EXPECT_TRUE(root.logged("putMultiBlocks: nothing to send"));
+    EXPECT_EQ(putFile(server.name(), root / "missing", 1, &curl, 0), -1);
+    EXPECT_TRUE(root.logged("Failed to open:" + (root / "missing").string()));
+    EXPECT_TRUE(root.logged("Error opening: No such file or directory"));
+    hashValue huge = testsupport::recordOf("x");
+    huge.hashedLength = std::uint64_t{1} << 31;
+    std::byte window[16];
+    EXPECT_EQ(putLargeBlock(server.name(), huge, window, 1, &curl, nullptr), -1);
+    EXPECT_TRUE(server.requests().empty());
+    server.next(answer(ok("")));
+    EXPECT_EQ(endBackup(server.name(), std::string(512 - sizeof "X-BackupUUID: ", 'u'), "m", &curl), 0)
+        << "the longest identity";
+}
+
+TEST_F(Requests, AFileIsSentAsAnnouncedOrFails) {
+    const std::string path = root / "f";
+    const std::string content = testsupport::randomBytes(3 << 20, 5);
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, content.size()}) {
+        testsupport::writeFile(path, content.substr(0, size));
+        server.next(answer(ok("")));
+        EXPECT_EQ(putFile(server.name(), path, 1, &curl, 0), 0);
+        EXPECT_EQ(curl, 0);
+        const Request request = server.lastRequest();
+        EXPECT_EQ(request.header("Content-Length"), std::to_string(size));
+        EXPECT_TRUE(request.isComplete && request.body == content.substr(0, size)) << size;
+    }
+    // The file is cut while the target reads it.
+    server.next([&](testsupport::Peer& peer) {
+        peer.readHead();
+        std::filesystem::resize_file(path, 1 << 20);
+        peer.readBody();
+        peer.send(ok(""));
+    });
+    (void)putFile(server.name(), path, 1, &curl, 0);
+    EXPECT_EQ(curl, 42) << "aborted by the read side";
+    EXPECT_FALSE(server.lastRequest().isComplete);
+    // It grows.
+    testsupport::writeFile(path, content.substr(0, 100));
+    std::string surplus;
+    server.next([&](testsupport::Peer& peer) {
+        peer.readHead();
+        testsupport::writeFile(path, content);
+        peer.readBody();
+        peer.send(ok(""));
+        surplus = peer.readSome(100);
+    });
+    EXPECT_EQ(putFile(server.name(), path, 1, &curl, 0), 0);
+    EXPECT_EQ(curl, 0);
+    EXPECT_EQ(server.lastRequest().body, content.substr(0, 100));
+    EXPECT_EQ(surplus, "") << "nothing behind the announced size";
+}
+
+class LargeBlocks : public testsupport::HashedBackup {
+protected:
+    ScriptedServer server;
+    int curl = -1;
+};
+
+TEST_F(LargeBlocks, GoThroughAWindowOfAnySize) {
+    const std::string block = testsupport::randomBytes(100000, 1);
+    makeBackup(7, {"before", block, "after"});
+    const hashValue record = testsupport::recordOf(block);
+    std::mutex lock;
+    for (const std::size_t size : {100000, 250000, 50000, 30000, 99999, 7000}) {
+        SCOPED_TRACE(size);
+        std::vector<std::byte> window(size);
+        server.next(answer(ok("")));
+        EXPECT_EQ(putLargeBlock(server.name(), record, window, 31, &curl, &lock), 0);
+        EXPECT_EQ(curl, 0);
+        const Request request = server.lastRequest();
+        EXPECT_TRUE(request.isComplete && request.body == block);
+        EXPECT_EQ(request.path(), std::string(PREFIX) + "b-sha512-100000-" + hashValueHex(record));
+        EXPECT_EQ(request.ownHeaders(), "X-Protocol: 1|X-Offset: 1|X-Time: 5|X-BackupNo: 31");
+        EXPECT_EQ(request.header("Content-Length"), "100000");
+    }
+    EXPECT_EQ(getThreadCurlData()->readLock, &lock);
+    EXPECT_TRUE(lock.try_lock()) << "held around reads only";
+    lock.unlock();
+    getThreadCurlData()->readLock = nullptr;
+}
+
+TEST_F(LargeBlocks, WhoseDataCannotBeReadFailTheTransfer) {
+    const std::string block = testsupport::randomBytes(100000, 1);
+    makeBackup(7, {block});
+    std::filesystem::resize_file(fileOf(7), 4 + 60000);
+    std::vector<std::byte> window(50000);
+    server.standing(answer(ok("")));
+    (void)putLargeBlock(server.name(), testsupport::recordOf(block), window, 31, &curl, nullptr);
+    EXPECT_EQ(curl, 42) << "half of it was there";
+    EXPECT_EQ(server.lastRequest().body, block.substr(0, 50000));
+    EXPECT_TRUE(root.logged("readHashedContents failed") && root.logged("Sent: 50000"));
+    (void)putLargeBlock(server.name(), testsupport::recordOf("unknown"), window, 31, &curl, nullptr);
+    EXPECT_EQ(curl, 42);
+}
+
+}  // namespace

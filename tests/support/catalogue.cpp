@@ -1,0 +1,109 @@
+#include "support/catalogue.h"
+
+#include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+#include "foundation/releaser.h"
+#include "lab/cluster.h"
+
+namespace testsupport {
+namespace {
+
+namespace fs = std::filesystem;
+
+using ConnectionPtr = std::unique_ptr<PGconn, Releaser<&PQfinish>>;
+using RowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;
+
+// The cluster of this program and one connection to it; both go with the program.
+struct Server {
+    fs::path directory = lab::temporaryDirectory("ferryd-pg");
+    lab::Cluster cluster{directory, true};
+    ConnectionPtr connection;
+
+    Server() { setenv("PGSERVICEFILE", cluster.serviceFile().c_str(), 1); }
+    ~Server() {
+        connection.reset();
+        cluster.kill();
+        std::error_code ignored;
+        fs::remove_all(directory, ignored);
+    }
+
+    PGconn* connected() {
+        if (!connection || PQstatus(connection.get()) != CONNECTION_OK) {
+            connection.reset(PQconnectdb(cluster.conninfo().c_str()));
+            PQsetNoticeProcessor(
+                connection.get(), [](void*, const char*) {}, nullptr);
+        }
+        return connection.get();
+    }
+};
+
+Server& server() {
+    static Server instance;
+    return instance;
+}
+
+RowsPtr run(const std::string& statements) {
+    PGconn* connection = server().connected();
+    RowsPtr rows(PQexec(connection, statements.c_str()));
+    const ExecStatusType status = PQresultStatus(rows.get());
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
+        throw std::runtime_error(std::string(PQerrorMessage(connection)) + statements);
+    return rows;
+}
+
+}  // namespace
+
+Catalogue::Catalogue() {
+    (void)server();
+}
+
+Catalogue& Catalogue::instance() {
+    static Catalogue catalogue;
+    return catalogue;
+}
+
+// Tests may change the schema itself, so it is made anew rather than emptied.
+void Catalogue::reset() {
+    (void)run(
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = 'dqdb' AND pid <> "
+        "pg_backend_pid() AND backend_type = 'client backend' AND state LIKE 'idle in transaction%'");
+    (void)run(std::string("DROP SCHEMA IF EXISTS dq CASCADE;") + lab::SCHEMA_SQL + lab::SEED_SQL);
+}
+
+void Catalogue::sql(std::string_view statements) {
+    (void)run(std::string(statements));
+}
+
+std::string Catalogue::value(std::string_view query) {
+    const RowsPtr rows = run(std::string(query));
+    return PQntuples(rows.get()) == 0 ? std::string() : std::string(PQgetvalue(rows.get(), 0, 0));
+}
+
+std::string Catalogue::rows(std::string_view query) {
+    const RowsPtr result = run(std::string(query));
+    std::string text;
+    for (int row = 0; row < PQntuples(result.get()); ++row) {
+        if (row != 0)
+            text += '\n';
+        for (int column = 0; column < PQnfields(result.get()); ++column) {
+            if (column != 0)
+                text += '|';
+            text += PQgetvalue(result.get(), row, column);
+        }
+    }
+    return text;
+}
+
+void Catalogue::restart() {
+    server().connection.reset();
+    server().cluster.stop();
+    server().cluster.start();
+}
+
+}  // namespace testsupport
