@@ -14,6 +14,7 @@
 #include "foundation/logger.h"
 #include "foundation/paths.h"
 #include "foundation/releaser.h"
+#include "foundation/thread_record.h"
 
 namespace {
 
@@ -133,14 +134,8 @@ BandwidthHandle* getBandwidthHandle() {
         return nullptr;
     }
     detach(made.get());
-    const int failure = pthread_setspecific(g_key, made.get());
-    if (failure != 0) {
-        if (failure == ENOMEM)
-            LOG_HERE(0, "Insufficient memory exists to associate the value with the key.");
-        else if (failure == EINVAL)
-            LOG_HERE(0, "The key value is invalid.");
+    if (keepThreadRecord(g_key, made.get()) == -1)
         return nullptr;
-    }
     return made.release();
 }
 

@@ -13,6 +13,7 @@
 #include "bandwidth/blockOut.h"
 #include "foundation/logger.h"
 #include "foundation/text.h"
+#include "foundation/thread_record.h"
 #include "rest/session_internal.h"
 
 namespace {
@@ -94,14 +95,8 @@ ThreadCurlData* getThreadCurlData() {
         LOG_HERE(0, "Failed to malloc thread curl data value.");
         return nullptr;
     }
-    const int failure = pthread_setspecific(g_key, made.get());
-    if (failure != 0) {
-        if (failure == ENOMEM)
-            LOG_HERE(0, "Insufficient memory exists to associate the value with the key.");
-        else if (failure == EINVAL)
-            LOG_HERE(0, "The key value is invalid.");
+    if (keepThreadRecord(g_key, made.get()) == -1)
         return nullptr;
-    }
     return made.release();
 }
 
