@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -65,56 +66,53 @@ int execute(PGconn* connection, const char* statement, std::string* error) {
     return -1;
 }
 
-// Rows changed, -1 on failure.
-int updateRow(const OperationProgress& record) {
+// Runs one statement of updateProgress. `verb` names it on the log. The rows changed, or -1.
+[[gnu::format(printf, 3, 4)]] int changeRow(const OperationProgress& record, const char* verb, const char* format,
+                                            ...) {
     char statement[STATEMENT_SIZE];
-    if (formatText(statement, sizeof statement,
-                   "UPDATE dq.operation_progress SET current_size = %ld, snapshot_time = %ld WHERE ( start_time = %ld "
-                   "AND final_size = %lu AND backup_no = %ld AND backup_type = '%s' AND on_behalf_of = '%s' AND source "
-                   "= '%s' AND destination = '%s' AND name_id = (SELECT name_id FROM dq.operation_names  WHERE "
-                   "name_value = '%s') )",
-                   static_cast<long>(record.current_size / MEGABYTE), static_cast<long>(record.snapshot_time),
-                   static_cast<long>(record.start_time), static_cast<unsigned long>(record.final_size / MEGABYTE),
-                   static_cast<long>(record.backup_no), record.backup_type.c_str(), record.on_behalf_of.c_str(),
-                   record.source.c_str(), record.destination.c_str(), record.operation.c_str()) == -1) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vformatText(statement, sizeof statement, format, arguments);
+    va_end(arguments);
+    if (length == -1) {
         LOG_HERE(0,
-                 "%s[%s,%d]: SQL statement too long to UPDATE progress record\n%s: Won't be providing progress "
+                 "%s[%s,%d]: SQL statement too long to %s progress record\n%s: Won't be providing progress "
                  "information\n",
-                 "updateProgress", record.operation.c_str(), record.pid, "updateProgress");
+                 "updateProgress", record.operation.c_str(), record.pid, verb, "updateProgress");
         return -1;
     }
     std::string error;
     const int rows = execute(progressConnection.get(), statement, &error);
     if (rows == -1)
-        LOG_HERE(0, "%s: can't UPDATE progress record: %s\n%s: Won't be providing progress information\n",
-                 "updateProgress", error.c_str(), "updateProgress");
+        LOG_HERE(0, "%s: can't %s progress record: %s\n%s: Won't be providing progress information\n", "updateProgress",
+                 verb, error.c_str(), "updateProgress");
     return rows;
 }
 
+int updateRow(const OperationProgress& record) {
+    return changeRow(
+        record, "UPDATE",
+        "UPDATE dq.operation_progress SET current_size = %ld, snapshot_time = %ld WHERE ( start_time = %ld "
+        "AND final_size = %lu AND backup_no = %ld AND backup_type = '%s' AND on_behalf_of = '%s' AND source "
+        "= '%s' AND destination = '%s' AND name_id = (SELECT name_id FROM dq.operation_names  WHERE "
+        "name_value = '%s') )",
+        static_cast<long>(record.current_size / MEGABYTE), static_cast<long>(record.snapshot_time),
+        static_cast<long>(record.start_time), static_cast<unsigned long>(record.final_size / MEGABYTE),
+        static_cast<long>(record.backup_no), record.backup_type.c_str(), record.on_behalf_of.c_str(),
+        record.source.c_str(), record.destination.c_str(), record.operation.c_str());
+}
+
 int insertRow(const OperationProgress& record) {
-    char statement[STATEMENT_SIZE];
-    if (formatText(statement, sizeof statement,
-                   "INSERT INTO dq.operation_progress ( name_id, start_time, snapshot_time, final_size, current_size, "
-                   "pid_to_kill, on_behalf_of, source, destination, backup_no, backup_type ) VALUES ( (SELECT name_id "
-                   "FROM dq.operation_names  WHERE name_value = '%s'), %ld, %ld, %ld, %ld, %d, '%s', '%s', '%s', %ld, "
-                   "'%s' )",
-                   record.operation.c_str(), static_cast<long>(record.start_time),
-                   static_cast<long>(record.snapshot_time), static_cast<long>(record.final_size / MEGABYTE),
-                   static_cast<long>(record.current_size / MEGABYTE), record.pid, record.on_behalf_of.c_str(),
-                   record.source.c_str(), record.destination.c_str(), static_cast<long>(record.backup_no),
-                   record.backup_type.c_str()) == -1) {
-        LOG_HERE(0,
-                 "%s[%s,%d]: SQL statement too long to INSERT progress record\n%s: Won't be providing progress "
-                 "information\n",
-                 "updateProgress", record.operation.c_str(), record.pid, "updateProgress");
-        return -1;
-    }
-    std::string error;
-    const int rows = execute(progressConnection.get(), statement, &error);
-    if (rows == -1)
-        LOG_HERE(0, "%s: can't INSERT progress record: %s\n%s: Won't be providing progress information\n",
-                 "updateProgress", error.c_str(), "updateProgress");
-    return rows;
+    return changeRow(
+        record, "INSERT",
+        "INSERT INTO dq.operation_progress ( name_id, start_time, snapshot_time, final_size, current_size, "
+        "pid_to_kill, on_behalf_of, source, destination, backup_no, backup_type ) VALUES ( (SELECT name_id "
+        "FROM dq.operation_names  WHERE name_value = '%s'), %ld, %ld, %ld, %ld, %d, '%s', '%s', '%s', %ld, "
+        "'%s' )",
+        record.operation.c_str(), static_cast<long>(record.start_time), static_cast<long>(record.snapshot_time),
+        static_cast<long>(record.final_size / MEGABYTE), static_cast<long>(record.current_size / MEGABYTE), record.pid,
+        record.on_behalf_of.c_str(), record.source.c_str(), record.destination.c_str(),
+        static_cast<long>(record.backup_no), record.backup_type.c_str());
 }
 
 // Writes the row over the kept connection. A connection that died is dropped, so that the next update makes a new one.
@@ -199,6 +197,8 @@ int openProgress(const std::string& target, const std::string& hostName, const s
 }
 
 int updateProgress(OperationProgress* record) {
+    if (!record->isOpen())
+        return 0;  // its client wasn't found: there is no row that could be meant
     time_t now = 0;
     if (currentTime(&now) == -1)
         return -1;
