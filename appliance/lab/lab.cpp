@@ -212,7 +212,7 @@ void Lab::writeSourceIni() {
     for (const auto& [key, value] : replication_)
         text += "  " + key + "=" + value + "\n";
     text += options_.sourceSettings + "[fileDedup]\n" + options_.dedupSettings +
-            "[LogRetentionInstances]\n  default=20\n[debugging]\n  ferryd=4\n  ferryd-util=4\n";
+            "[LogRetentionInstances]\n  default=500\n[debugging]\n  ferryd=4\n  ferryd-util=4\n";
     source_.masterIni(text);
 }
 

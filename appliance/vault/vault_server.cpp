@@ -85,18 +85,56 @@ BlockKey keyAt(std::string_view record, std::uint64_t length, std::size_t digest
     return key;
 }
 
-std::string wholeBody(const ContentReader& reader) {
+// Receives a body; `arrived` sees what is there after each piece.
+template <typename Arrived>
+std::string wholeBody(const ContentReader& reader, std::size_t announced, Arrived arrived) {
     std::string body;
+    body.reserve(std::min<std::size_t>(announced, BODY_LIMIT));
     bool tooLong = false;
     if (!reader([&](const char* bytes, std::size_t count) {
             tooLong = body.size() + count > BODY_LIMIT;
-            if (!tooLong)
+            if (!tooLong) {
                 body.append(bytes, count);
+                arrived(std::string_view(body));
+            }
             return !tooLong;
         }))
         throw BadRequest(tooLong ? "the body is too long" : "the body was cut off");
     return body;
 }
+
+std::string wholeBody(const ContentReader& reader) {
+    return wholeBody(reader, 0, [](std::string_view) {});
+}
+
+// The blocks of a multiblock body, each checked as soon as it has arrived, while the next is still on its way.
+class BlockParser {
+public:
+    struct Block {
+        Reference reference;
+        std::size_t offset;  // of its data in the body
+    };
+
+    void take(std::string_view body) {
+        while (body.size() - done_ >= BLOCK_HEADER) {
+            const std::string_view rest = body.substr(done_);
+            const std::uint32_t length = numberAt<std::uint32_t>(rest, 8);
+            if (length > rest.size() - BLOCK_HEADER)
+                return;
+            const BlockKey key = keyAt(rest, length, 12);
+            if (sha512(std::as_bytes(std::span(rest.substr(BLOCK_HEADER, length)))) != key.digest)
+                throw BadRequest("a block doesn't have the digest announced: " + toHex(key.digest));
+            blocks_.push_back({{key, numberAt<std::uint64_t>(rest, 76)}, done_ + BLOCK_HEADER});
+            done_ += BLOCK_HEADER + length;
+        }
+    }
+    [[nodiscard]] std::size_t done() const { return done_; }
+    [[nodiscard]] const std::vector<Block>& blocks() const { return blocks_; }
+
+private:
+    std::size_t done_ = 0;  // bytes of the body that were taken
+    std::vector<Block> blocks_;
+};
 
 class Vault {
 public:
@@ -221,23 +259,20 @@ private:
 
     void manyBlocks(const Request& request, Response&, const ContentReader& reader) {
         const std::uint64_t number = buildingBackup(request);
-        const std::string body = wholeBody(reader);
+        BlockParser parser;
+        const std::string body = wholeBody(reader, headerNumber(request, "X-BackupSize", 0),
+                                           [&](std::string_view arrived) { parser.take(arrived); });
+        if (parser.done() != body.size())
+            throw BadRequest("a block is cut off");
+        if (parser.blocks().size() != headerNumber(request, "X-ClusterAmt", parser.blocks().size()))
+            throw BadRequest("the body doesn't hold the announced blocks");
         std::vector<std::pair<BlockKey, std::span<const std::byte>>> blocks;
         std::vector<Reference> references;
-        std::string_view rest = body;
-        while (!rest.empty()) {
-            if (rest.size() < BLOCK_HEADER || numberAt<std::uint32_t>(rest, 8) > rest.size() - BLOCK_HEADER)
-                throw BadRequest("a block is cut off");
-            const BlockKey key = keyAt(rest, numberAt<std::uint32_t>(rest, 8), 12);
-            const auto data = std::as_bytes(std::span(rest.substr(BLOCK_HEADER, key.length)));
-            if (sha512(data) != key.digest)
-                throw BadRequest("a block doesn't have the digest announced: " + toHex(key.digest));
-            blocks.emplace_back(key, data);
-            references.push_back({key, numberAt<std::uint64_t>(rest, 76)});
-            rest.remove_prefix(BLOCK_HEADER + key.length);
+        for (const BlockParser::Block& block : parser.blocks()) {
+            const BlockKey& key = block.reference.block;
+            blocks.emplace_back(key, std::as_bytes(std::span(body).subspan(block.offset, key.length)));
+            references.push_back(block.reference);
         }
-        if (blocks.size() != headerNumber(request, "X-ClusterAmt", blocks.size()))
-            throw BadRequest("the body doesn't hold the announced blocks");
         store_.store(blocks);
         (void)store_.refer(number, references);
     }
