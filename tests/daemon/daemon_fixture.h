@@ -110,7 +110,8 @@ public:
 
     // What it says to backup-check, a letter a question, the last one for all further ones. It knows the backup as 77:
     // b building, p present, o on the system only, e ended only, f failed, c cancelled, n none of these. 'u' is an
-    // unknown backup, '!' a negative answer, '-' the end of the connection without a word.
+    // unknown backup, '!' a negative answer, '-' the end of the connection without a word, 'x' a "present" cut off at
+    // its end.
     std::string checks = "u";
     std::string start = ok("77");                    // the reply to start-backup
     std::function<void()> beforeCheck, beforeStart;  // called in its thread
@@ -150,6 +151,7 @@ private:
             {'o', {77, ST_ON_SYSTEM}},
             {'e', {77, ST_COMPLETE}},
             {'p', {77, ST_COMPLETE | ST_ON_SYSTEM}},
+            {'x', {77, ST_COMPLETE | ST_ON_SYSTEM}},
             {'f', {77, ST_FAILED | ST_ON_SYSTEM}},
             {'c', {77, ST_CANCELLED | ST_ON_SYSTEM}}};
         const char letter = checks.front();
@@ -159,7 +161,8 @@ private:
             return "";
         const auto [number, status] = SAYS.at(letter);
         const std::uint64_t words[] = {number, status, letter == 'p' ? P_HASHED : 0u};
-        return ok({reinterpret_cast<const char*>(words), sizeof words});
+        const std::string body(reinterpret_cast<const char*>(words), sizeof words);
+        return letter == 'x' ? "HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n" + body : ok(body);
     }
     void serve(Peer& peer) {
         if (!peer.readRequest())

@@ -17,6 +17,8 @@ namespace fs = std::filesystem;
 
 class Util : public DaemonTest {
 protected:
+    Util() { root.masterIni("[LogRetentionInstances]\ndefault=50\n"); }  // each command keeps its log
+
     // The built program, which lies beside this one.
     int run(const std::string& arguments, std::string* output = nullptr) {
         const fs::path ferryd = fs::read_symlink("/proc/self/exe").parent_path() / "ferryd";

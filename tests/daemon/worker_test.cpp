@@ -98,6 +98,7 @@ TEST_F(Worker, FirstAnswerDecides) {
         {"ended but not on the system", "e", 3, "1/1", 1},
         {"negative answer", "!", 3, "1/1", 1},
         {"no answer", "-", 3, "1/1", 3},
+        {"answer cut off", "x", 3, "1/1", 3},
         {"no answer, no retries", "-", 0, "1/1", 1},
     };
     long before = 0;

@@ -249,6 +249,12 @@ TEST_F(PgHelper, AsyncQueryCanBeWaitedForAndCancelled) {
 
     PgResultPtr slow = sendTextQuery("SELECT pg_sleep(600)");
     EXPECT_EQ(pgAsyncWait(slow.get(), 0), 0);
+    // A cancellation that comes before the server has begun is lost.
+    EXPECT_TRUE(eventually([&] {
+        return catalogue.value(
+                   "SELECT count(*) FROM pg_stat_activity WHERE state = 'active' AND query = 'SELECT "
+                   "pg_sleep(600)' AND wait_event = 'PgSleep'") == "1";
+    }));
     EXPECT_EQ(pgAsyncCancel(), 0);
     EXPECT_TRUE(eventually([&] { return pgAsyncWait(slow.get(), 100) == 1; }));
     EXPECT_EQ(pgStatus(slow.get()), -1);
