@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -180,7 +179,7 @@ private:
         if (targetNumber_ < 1)
             throw std::runtime_error("the vault refuses the backup");
         OperationProgress progress;
-        progress.next_update = std::numeric_limits<time_t>::max();  // no rows: only the transfer is measured
+        // Never opened: only the transfer is measured.
         const SendJob job{backup, lab_->vaultName(), targetNumber_, &progress, &g_bytesSent};
         const auto start = Clock::now();
         if (sendBlocks(g_settings, job) != 0)
