@@ -88,9 +88,12 @@ TEST_F(HostileTarget, EveryKindOfNonsenseLeavesTheBackupWaiting) {
     EXPECT_FALSE(workerLogged("Finished: "));
     EXPECT_TRUE(lab().daemonProcess().running());
 
+    // With the daemon down: a worker would write its result to the row under its old name.
+    lab().stopDaemon();
     lab().source().sql("UPDATE replication_queue SET vault = '" + lab().vaultName() + "'");
     lab().setReplication("SyncTo", lab().vaultName());
     lab().startVault();
+    lab().startDaemon();
     ASSERT_TRUE(reaches(backup, REPLICATION_COMPLETE));
     EXPECT_TRUE(lab().sameOnVault(backup));
 }
