@@ -25,7 +25,8 @@ inline constexpr int ST_CANCELLED = 0x8000;
 // Test JOB_FAILED first: a failed job may carry bits of JOB_SUCCESS too.
 inline constexpr int JOB_FAILED = 0x9018;
 inline constexpr int JOB_SUCCESS = 0x0c40;
-inline constexpr int JOB_ENDED = 0x0050;  // any of these: the job has ended, well or badly
+inline constexpr int JOB_ENDED = 0x0050;                       // any of these: the job has ended, well or badly
+inline constexpr int ST_PRESENT = ST_COMPLETE | ST_ON_SYSTEM;  // any of these: a target holds the backup
 
 // Bits of backups.properties.
 inline constexpr int P_SDS = 0x0001;         // replicated record, can't be restored
@@ -34,10 +35,11 @@ inline constexpr int P_LEGACY_SQL = 0x0080;  // with type 4
 inline constexpr int P_ENCRYPTED = 0x0100;
 inline constexpr int P_HASHED = 0x0200;
 inline constexpr int P_DEDUPLICATED = 0x0400;
-inline constexpr int P_EARLY_SYNC = 0x0800;         // may enter replication before its job has ended
-inline constexpr int P_SYNTHESIS_CAPABLE = 0x1000;  // may be part of a synthesis group
-inline constexpr int P_SYNTHETIC = 0x2000;          // put together from other backups
-inline constexpr int P_REPLICATED = 0x4000;         // created by metadata import
+inline constexpr int P_ANY_HASHED = P_HASHED | P_DEDUPLICATED;  // any of these: its blocks are known
+inline constexpr int P_EARLY_SYNC = 0x0800;                     // may enter replication before its job has ended
+inline constexpr int P_SYNTHESIS_CAPABLE = 0x1000;              // may be part of a synthesis group
+inline constexpr int P_SYNTHETIC = 0x2000;                      // put together from other backups
+inline constexpr int P_REPLICATED = 0x4000;                     // created by metadata import
 
 // Bits of backups.sync_status.
 inline constexpr int ST_SYNC_NEEDED = 1;

@@ -1,7 +1,5 @@
 #include "daemon/elimination.h"
 
-#include <curl/curl.h>
-
 #include <optional>
 
 #include "bookkeeping/common.h"
@@ -10,6 +8,7 @@
 #include "foundation/settings.h"
 #include "replication/replication.h"
 #include "rest/lifecycle.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -17,9 +16,6 @@ namespace {
 constexpr int CANDIDATE_REPLICATED = 1;
 constexpr int CANDIDATE_MASTERS = 2;
 constexpr int CANDIDATE_ALL = 3;
-
-constexpr std::uint64_t HELD = ST_COMPLETE | ST_ON_SYSTEM;
-constexpr std::uint64_t HASHED = P_HASHED | P_DEDUPLICATED;
 
 bool isMasterType(int type) {
     return type == TYPE_MASTER || type == TYPE_EXCHANGE_FULL || type == TYPE_SQL_FULL || type == TYPE_ESX_FULL ||
@@ -111,17 +107,16 @@ bool isHeldByTarget(std::uint64_t backupNo, const std::string& target) {
     const std::int64_t number =
         postBackupCheck(target, std::string_view(text.c_str(), text.size() + 1), 0, &status, &properties, &curlCode);
     if (curlCode != 0 || number <= 0) {
-        LOG_HERE(0, "Curl status: %s, postBackupCheck returned %ld.\n",
-                 curl_easy_strerror(static_cast<CURLcode>(curlCode)), static_cast<long>(number));
+        LOG_HERE(0, "Curl status: %s, postBackupCheck returned %ld.\n", curlText(curlCode), static_cast<long>(number));
         LOG_HERE(0, "Unable to perform target check for backup_no:%lu, skipping backup for Local Block Elimination",
                  backupNo);
         return false;
     }
-    if ((status & HELD) == 0 || !identity) {
+    if ((status & ST_PRESENT) == 0 || !identity) {
         LOG_HERE(3, "Backup:%lu  not on target, skipping backup for Local Block Elimination", backupNo);
         return false;
     }
-    if ((properties & HASHED) == 0) {
+    if ((properties & P_ANY_HASHED) == 0) {
         LOG_HERE(3, "Backup:%lu is on the target but has not been hashed, skipping backup for Local Block Elimination",
                  backupNo);
         return false;

@@ -1,6 +1,5 @@
 #include "daemon/hactar.h"
 
-#include <curl/curl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include "foundation/pghelper.h"
 #include "foundation/run_command.h"
 #include "rest/files.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -68,15 +68,15 @@ int runTool(const char* command) {
 
 void logCurl(int curlCode) {
     if (curlCode != 0)
-        LOG_HERE(0, "Curl status: %s", curl_easy_strerror(static_cast<CURLcode>(curlCode)));
+        LOG_HERE(0, "Curl status: %s", curlText(curlCode));
 }
 
 }  // namespace
 
 int hashBackup(std::uint64_t backupNo) {
     Statement<256> statement;
-    if (statement.build("SELECT backup_no FROM dq.backups WHERE ((properties & %d)!=0) AND backup_no=%ld",
-                        P_HASHED | P_DEDUPLICATED, static_cast<long>(backupNo)) == -1)
+    if (statement.build("SELECT backup_no FROM dq.backups WHERE ((properties & %d)!=0) AND backup_no=%ld", P_ANY_HASHED,
+                        static_cast<long>(backupNo)) == -1)
         return -1;
     const PgResultPtr row = pgExec(statement.text());
     if (pgStatus(row.get()) == -1) {

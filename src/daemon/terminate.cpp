@@ -1,7 +1,5 @@
 // Replications that an operator ended by marking their row.
 
-#include <curl/curl.h>
-
 #include <new>
 #include <optional>
 #include <string_view>
@@ -15,6 +13,7 @@
 #include "foundation/settings.h"
 #include "replication/replication.h"
 #include "rest/lifecycle.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -43,7 +42,7 @@ int cancelOnTarget(std::uint64_t backupNo, const std::string& target) {
         return 0;
     LOG_HERE(0, "Failed to notify target");
     if (curlCode != 0)
-        LOG_HERE(0, "Curl status: %s", curl_easy_strerror(static_cast<CURLcode>(curlCode)));
+        LOG_HERE(0, "Curl status: %s", curlText(curlCode));
     return -1;
 }
 

@@ -1,7 +1,5 @@
 // Commands on blocks.
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +15,7 @@
 #include "hash/hash_value.h"
 #include "hash/hashed_contents.h"
 #include "rest/blocks.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -174,7 +173,7 @@ int utilPostCheckOffset(Arguments arguments) {
                           &curlCode);  // the reply tells
     if (!reply) {
         LOG_HERE(0, "Failed to check with POST\n");
-        LOG_HERE(0, "Curl status: %s", curl_easy_strerror(static_cast<CURLcode>(curlCode)));
+        LOG_HERE(0, "Curl status: %s", curlText(curlCode));
         fprintf(stderr, "ferryd util: the target gave no usable answer\n");
         return FAILED;
     }

@@ -1,7 +1,5 @@
 // Commands on backups and targets.
 
-#include <curl/curl.h>
-
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -19,14 +17,13 @@
 #include "foundation/releaser.h"
 #include "replication/replication.h"
 #include "rest/lifecycle.h"
+#include "rest/session.h"
 
 namespace {
 
 using StreamPtr = std::unique_ptr<FILE, Releaser<&fclose>>;
 
 constexpr int FAILED = 1;
-constexpr std::uint64_t HELD = ST_COMPLETE | ST_ON_SYSTEM;
-constexpr std::uint64_t HASHED = P_HASHED | P_DEDUPLICATED;
 
 // One backup of the queue, with what a target says of it.
 struct SourceRow {
@@ -70,11 +67,11 @@ void writeCsv(FILE* csv, const SourceRow& source, const TargetAnswer* answer) {
 
 // What stands behind the numbers of a backup on the target.
 const char* targetRemark(std::uint64_t backupNo, const TargetAnswer& answer, bool hasIdentity) {
-    if ((answer.status & HELD) == 0 || !hasIdentity) {
+    if ((answer.status & ST_PRESENT) == 0 || !hasIdentity) {
         LOG_HERE(3, "Backup:%lu  not on target, skipping backup", backupNo);
         return "(backup marked ST_FAILED)";
     }
-    if ((answer.properties & HASHED) == 0) {
+    if ((answer.properties & P_ANY_HASHED) == 0) {
         LOG_HERE(3, "Backup:%lu is on the target but has not been hashed", backupNo);
         return "(P_HASHED/P_DEDUPLICATED is clear)";
     }
@@ -91,7 +88,7 @@ void printStatus(const SourceRow& source, const char* target, const std::string&
     const TargetAnswer answer = askTarget(target, identity);
     const auto number = static_cast<std::uint64_t>(source.backupNo);
     if (answer.curlCode != 0 || answer.number <= 0) {
-        LOG_HERE(0, "Curl Status: %s", curl_easy_strerror(static_cast<CURLcode>(answer.curlCode)));
+        LOG_HERE(0, "Curl Status: %s", curlText(answer.curlCode));
         LOG_HERE(0, "Unable to perform target check for source_backup_no:%lu, skipping backup to get the status",
                  number);
         printf("\tTARGET: backup not on target\n");

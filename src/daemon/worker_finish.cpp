@@ -1,6 +1,5 @@
 // The last part of a job: waiting while the target builds the backup, and the verdict.
 
-#include <curl/curl.h>
 #include <unistd.h>
 
 #include "bookkeeping/common.h"
@@ -11,13 +10,13 @@
 #include "foundation/directories.h"
 #include "foundation/ini.h"
 #include "foundation/logger.h"
+#include "rest/session.h"
 
 namespace {
 
 constexpr int POLL = 5;               // seconds, default of CheckInterval
 constexpr int BUILD_TIMEOUT = 10000;  // seconds, default of CheckTimeout
 constexpr int UNUSABLE_ANSWERS = 5;   // in a row, default of invalidUUIDcheckRetryCount
-constexpr std::uint64_t PRESENT = ST_COMPLETE | ST_ON_SYSTEM;
 
 int setting(const char* key, int defaultValue) {
     return ini_get_int("Replication", key, defaultValue, g_master_ini);
@@ -64,7 +63,7 @@ void waitForTarget(WorkerJob* job, const Seconds& waiting) {
 }
 
 void fail(WorkerJob* job, const char* text) {
-    setFailedStatusText(job, "Failed: %s. Network: %s", text, curl_easy_strerror(static_cast<CURLcode>(job->curlCode)));
+    setFailedStatusText(job, "Failed: %s. Network: %s", text, curlText(job->curlCode));
     job->outcome = OUTCOME_RETRY;
 }
 
@@ -90,14 +89,14 @@ void judge(WorkerJob* job, const Seconds& waiting) {
         LOG_HERE(0, "Backup CANCELLED on the target");
         logTargetStatus(*job);
         setFailedStatusText(job, "CANCELLED: %s. Network: %s", "Backup cancelled on the target",
-                            curl_easy_strerror(static_cast<CURLcode>(job->curlCode)));
+                            curlText(job->curlCode));
         setQueueStatus(*job, REPLICATION_TERMINATED);
         job->outcome = OUTCOME_RETRY;
     } else if ((job->targetStatus & ST_FAILED) != 0) {
         LOG_HERE(0, "Backup failed on the target");
         logTargetStatus(*job);
         fail(job, "Failed building on the target. This replication will now retry");
-    } else if ((job->targetStatus & PRESENT) != 0) {
+    } else if ((job->targetStatus & ST_PRESENT) != 0) {
         succeed(job, waiting);
     } else {
         LOG_HERE(0, "Backup is not in progress or complete on the target");

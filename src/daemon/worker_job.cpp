@@ -1,7 +1,5 @@
 #include "daemon/worker_job.h"
 
-#include <curl/curl.h>
-
 #include <cstdarg>
 
 #include "bookkeeping/common.h"
@@ -12,6 +10,7 @@
 #include "foundation/pghelper.h"
 #include "foundation/text.h"
 #include "rest/lifecycle.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -26,7 +25,7 @@ void cleanUpAfterFailure(WorkerJob* job) {
     const std::string_view text(job->failedStatusText);
     if (endBackup(job->vault, job->ubi, text.substr(0, END_TEXT_LENGTH), &job->curlCode) != 0 || job->curlCode != 0) {
         LOG_HERE(0, "Failed to notify target");
-        LOG_HERE(0, "Curl status: %s", curl_easy_strerror(static_cast<CURLcode>(job->curlCode)));
+        LOG_HERE(0, "Curl status: %s", curlText(job->curlCode));
     }
     LOG_HERE(3, "Remove hactar");
     if (removeHactar(job->backupNo) != 0)
@@ -89,7 +88,7 @@ void checkOnTarget(WorkerJob* job, std::int64_t targetBackupNo) {
     job->uuidCheck = -1;
     job->targetStatus = 0;
     job->targetProperties = 0;
-    LOG_HERE(0, "Curl status: %s", curl_easy_strerror(static_cast<CURLcode>(job->curlCode)));
+    LOG_HERE(0, "Curl status: %s", curlText(job->curlCode));
 }
 
 std::uint64_t localStatus(std::uint64_t backupNo) {

@@ -19,7 +19,6 @@
 namespace {
 
 constexpr std::size_t HOST_NAME_SIZE = 4096;
-constexpr std::uint64_t PRESENT = ST_COMPLETE | ST_ON_SYSTEM;  // either: the target needs nothing from this job
 constexpr int RETRY_DELAY = 5;  // seconds, default of TimeDelay here: it paces retries, not passes
 constexpr int LOCK_WAIT = 10;   // seconds, default of CheckInterval while another process hashes
 
@@ -84,7 +83,7 @@ void identify(WorkerJob* job) {
 
 // Whether the answer lets the job go on.
 bool decide(const WorkerJob& job) {
-    if (job.uuidCheck >= 0 && (job.targetStatus & PRESENT) == 0)
+    if (job.uuidCheck >= 0 && (job.targetStatus & ST_PRESENT) == 0)
         return true;
     if ((job.targetStatus & ST_ON_SYSTEM) != 0) {
         LOG_HERE(0, "Backup already on system");

@@ -1,6 +1,5 @@
 // The middle part of a job: the backup's record on the target, its blocks, its final metadata.
 
-#include <curl/curl.h>
 #include <unistd.h>
 
 #include <optional>
@@ -27,7 +26,7 @@ constexpr int LOCAL_JOB_POLL = 5;  // seconds, default of CheckInterval
 constexpr int THREADED = 1;        // of ThreadedSendBlocks
 
 const char* network(const WorkerJob& job) {
-    return curl_easy_strerror(static_cast<CURLcode>(job.curlCode));
+    return curlText(job.curlCode);
 }
 
 // The target's refusal of the metadata. Two kinds need a person: the instance pauses.

@@ -10,8 +10,6 @@
 #include <span>
 #include <vector>
 
-#include <curl/curl.h>
-
 #include "foundation/logger.h"
 #include "foundation/releaser.h"
 #include "hash/hash_list.h"
@@ -20,6 +18,7 @@
 #include "pipeline/send_phase.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
+#include "rest/session.h"
 
 namespace {
 
@@ -31,10 +30,6 @@ struct BatchCounts {
     std::uint64_t duplicates = 0;
     std::uint64_t nonDuplicates = 0;
 };
-
-const char* curlText(int code) {
-    return curl_easy_strerror(static_cast<CURLcode>(code));
-}
 
 class SingleThreadedPhase {
 public:

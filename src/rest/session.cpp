@@ -164,6 +164,10 @@ std::size_t headerCallback(char* line, std::size_t size, std::size_t count, void
     return text.size();
 }
 
+const char* curlText(int curlCode) {
+    return curl_easy_strerror(static_cast<CURLcode>(curlCode));
+}
+
 bool transferIsRunning() {
     return g_transfers.load() > 0;
 }
