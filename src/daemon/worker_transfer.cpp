@@ -80,16 +80,21 @@ bool startOnTarget(WorkerJob* job) {
     return true;
 }
 
-bool sendAllBlocks(WorkerJob* job) {
-    const Seconds watch;
+int sendInChosenPhase(const SendJob& sendJob) {
     if (ini_get_int("Replication", "ThreadedSendBlocks", THREADED, g_master_ini) == THREADED)
-        LOG_HERE(3, "This version has no threaded send phase");
+        return sendBlocksThreaded(g_settings, sendJob);
     LOG_HERE(3, "Using single threaded send phase; Pipeline feature disabled");
-    attachBandwidthTable(job->bandwidthTable);
-    const SendJob sendJob{job->backupNo, job->vault, job->targetBackupNo, &job->progress.record(SLOT_REPLICATE),
-                          &g_bytesSent};
+    attachBandwidthTable(sendJob.bandwidthTable);
     const int result = sendBlocks(g_settings, sendJob);
     detachBandwidthTable();
+    return result;
+}
+
+bool sendAllBlocks(WorkerJob* job) {
+    const Seconds watch;
+    const SendJob sendJob{job->backupNo, job->vault,         job->targetBackupNo, &job->progress.record(SLOT_REPLICATE),
+                          &g_bytesSent,  job->bandwidthTable};
+    const int result = sendInChosenPhase(sendJob);
     job->progress.close(SLOT_REPLICATE);
     job->progress.open(SLOT_PROCESSING, job->vault, job->hostName, job->typeText, job->backupNo);
     if (result == 0) {

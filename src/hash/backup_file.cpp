@@ -53,4 +53,5 @@ void closeBackup(hashedContents* handle) {
     handle->backup.reset();  // the lock goes with the descriptor
     handle->backupNumber = 0;
     handle->backupLocked = false;
+    handle->announced.places.clear();
 }

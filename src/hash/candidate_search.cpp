@@ -229,20 +229,15 @@ int searchInPasses(Search* search) {
 // is a whole pass. 1: seeked to, 0: not there (or no longer), -1: failure.
 int searchOpenBackup(Search* search) {
     hashedContents* handle = search->handle;
-    if (!handle->backup || !lockCandidate(handle))
+    if (!lockOpenBackup(handle))
         return 0;
-    if (!isCurrentFile(*handle)) {
-        closeBackup(handle);
-        return 0;
-    }
     HashConnection& connection = handle->hashValues->connection;
-    const std::int64_t keys[] = {static_cast<std::int64_t>(handle->backupNumber),
-                                 static_cast<std::int64_t>(search->hashID)};
     const PgRowsPtr row = connection.runPrepared(
         "openBackup",
         "SELECT backup_no, file_offset FROM dq.backups_hash_values WHERE (backup_no = $1) AND (hash_id = $2) AND "
         "(deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1",
-        keys);
+        {std::to_string(static_cast<std::int64_t>(handle->backupNumber)),
+         std::to_string(static_cast<std::int64_t>(search->hashID))});
     if (!succeeded(row.get())) {
         log_message(0, "Can't read candidates\n%s", connection.error());
         return -1;
@@ -253,9 +248,28 @@ int searchOpenBackup(Search* search) {
     return takeCandidate(search, reference) == Taken::seeked ? 1 : 0;
 }
 
+// A place that was confirmed together with others, under a lock that is still held.
+bool seekAnnounced(hashedContents* handle, std::uint64_t hashID, std::int64_t offset) {
+    const std::optional<std::int64_t> place = handle->announced.placeOf(hashID);
+    std::int64_t wanted = 0;
+    return place && handle->backupLocked && !__builtin_add_overflow(*place, offset, &wanted) &&
+           archive_seek(handle->backup.get(), wanted, SEEK_SET) == wanted;
+}
+
 }  // namespace
 
+bool lockOpenBackup(hashedContents* handle) {
+    if (!handle->backup || !lockCandidate(handle))
+        return false;
+    if (isCurrentFile(*handle))
+        return true;
+    closeBackup(handle);
+    return false;
+}
+
 int findBackupCandidate(hashedContents* handle, std::uint64_t hashID, std::int64_t offset) {
+    if (seekAnnounced(handle, hashID, offset))
+        return 1;
     if (prepareHashValuesPrivatePSQL(&handle->hashValues) == -1)
         return -1;
     Search search{.handle = handle, .hashID = hashID, .offset = offset};

@@ -149,13 +149,11 @@ std::vector<PgRowsPtr> HashConnection::runAll(const char* statements) {
     });
 }
 
-PgRowsPtr HashConnection::runPrepared(const char* name, const char* statement, std::span<const std::int64_t> numbers) {
-    std::vector<std::string> texts;
+PgRowsPtr HashConnection::runPrepared(const char* name, const char* statement,
+                                      std::initializer_list<std::string> parameters) {
     std::vector<const char*> values;
-    for (const std::int64_t number : numbers)
-        texts.push_back(std::to_string(number));
-    for (const std::string& text : texts)
-        values.push_back(text.c_str());
+    for (const std::string& parameter : parameters)
+        values.push_back(parameter.c_str());
     return withReconnect([&] {
         if (std::ranges::count(prepared_, name) == 0) {
             PgRowsPtr prepared(PQprepare(connection_.get(), name, statement, 0, nullptr));

@@ -10,6 +10,7 @@
 #include <libpq-fe.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
@@ -37,9 +38,10 @@ public:
     // One statement with binary parameters ($1 on) and binary results.
     [[nodiscard]] PgRowsPtr runBinary(const char* statement, std::span<const std::span<const std::uint8_t>> parameters);
 
-    // One statement with numbers for $1 on and text results. It is parsed and planned once a connection; `name` names
+    // One statement with texts for $1 on and text results. It is parsed and planned once a connection; `name` names
     // it.
-    [[nodiscard]] PgRowsPtr runPrepared(const char* name, const char* statement, std::span<const std::int64_t> numbers);
+    [[nodiscard]] PgRowsPtr runPrepared(const char* name, const char* statement,
+                                        std::initializer_list<std::string> parameters);
 
     [[nodiscard]] const char* error() const { return PQerrorMessage(connection_.get()); }
 

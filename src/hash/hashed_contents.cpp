@@ -102,13 +102,6 @@ std::span<std::byte> chooseTarget(Read* read, std::uint64_t remaining) {
     return read->rest.size() < size ? std::span(ahead.bytes.get(), size) : read->rest;
 }
 
-void unlockBackup(hashedContents* handle) {
-    if (flock(archive_fd(handle->backup.get()), LOCK_UN) == -1)
-        log_message(3, "Can't unlock backup %ld file: %s\n", static_cast<std::int64_t>(handle->backupNumber),
-                    std::strerror(errno));
-    handle->backupLocked = false;
-}
-
 // Reads from some backup's file. Returns the bytes that came, or -1.
 std::int64_t readFromBackup(const Read& read, std::span<std::byte> target) {
     hashedContents* handle = read.handle;
@@ -125,7 +118,8 @@ std::int64_t readFromBackup(const Read& read, std::span<std::byte> target) {
         }
         total += static_cast<std::size_t>(got);
     }
-    unlockBackup(handle);
+    if (handle->announced.places.empty())
+        unlockBackup(handle);
     return total < read.rest.size() ? -1 : static_cast<std::int64_t>(total);
 }
 
@@ -177,7 +171,7 @@ std::int64_t readContents(hashedContents* handle, hashValue* record, std::span<s
     serveFromBuffer(&read);
     if (read.rest.empty())
         return read.served;
-    if (refresh && refreshRecord(handle, record) == -1)
+    if (refresh && !handle->announced.names(record->hashID) && refreshRecord(handle, record) == -1)
         return -1;
     return fetch(&read);
 }
@@ -191,6 +185,13 @@ int refuse(const HashedContentsPtr* handle, const hashValue* record, std::span<c
 }
 
 }  // namespace
+
+void unlockBackup(hashedContents* handle) {
+    if (flock(archive_fd(handle->backup.get()), LOCK_UN) == -1)
+        log_message(3, "Can't unlock backup %ld file: %s\n", static_cast<std::int64_t>(handle->backupNumber),
+                    std::strerror(errno));
+    handle->backupLocked = false;
+}
 
 std::int64_t readHashedContents(HashedContentsPtr* handle, hashValue* record, std::span<std::byte> buffer,
                                 std::int64_t offset, int refresh) {

@@ -1,7 +1,9 @@
 // hashed_contents_internal.h - the reading handle, and the search for a backup to read from.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "archive/archiverw.h"
 #include "hash/hash_private.h"
@@ -16,6 +18,21 @@ struct ReadAhead {
     hashValue block{};         // whose data it is
 };
 
+// Blocks that will be read next and were looked up together. The places are those in the open backup's file, and hold
+// as long as it stays locked, which is until the announcement is withdrawn.
+struct Announcement {
+    struct Place {
+        std::uint64_t hashID;
+        std::int64_t fileOffset;
+    };
+    std::vector<std::uint64_t> hashIDs;  // ascending
+    std::vector<Place> places;           // ascending; empty once another backup was opened
+
+    [[nodiscard]] bool isOpen() const { return !hashIDs.empty(); }
+    [[nodiscard]] bool names(std::uint64_t hashID) const;
+    [[nodiscard]] std::optional<std::int64_t> placeOf(std::uint64_t hashID) const;
+};
+
 struct hashedContents {
     HashValuesPtr hashValues;  // its connection serves the search too
     ArchiveFilterPtr backup;
@@ -23,6 +40,7 @@ struct hashedContents {
     std::uint64_t backupNumber = 0;
     bool backupLocked = false;
     ReadAhead ahead;
+    Announcement announced;
     std::uint64_t maxSubfileBytes = 0;  // asked of the platform once a handle, 0 not yet
 };
 
@@ -31,6 +49,11 @@ struct hashedContents {
                                               std::string* path);
 
 void closeBackup(hashedContents* handle);
+
+// Locks the file that was kept open. False, and nothing is open any more, if it can't be locked or was replaced.
+[[nodiscard]] bool lockOpenBackup(hashedContents* handle);
+
+void unlockBackup(hashedContents* handle);
 
 // Finds a backup that holds the block, opens and locks its file and seeks to `offset` within the block.
 // Returns 1 with that done, 0 if no backup holds the block, -1 on failure or if none of them could be used.

@@ -15,6 +15,7 @@
 #include "hash/hash_list.h"
 #include "hash/hashed_contents.h"
 #include "pipeline/block_source.h"
+#include "pipeline/pipeline_internal.h"
 #include "pipeline/send_phase.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
@@ -24,7 +25,6 @@ namespace {
 
 constexpr std::uint64_t LEAST_BUFFER = 8;    // bytes
 constexpr std::uint64_t BLOCK_MARGIN = 512;  // bytes of the buffer that a block needs beside its own
-constexpr char ON_TARGET = '1';
 
 struct BatchCounts {
     std::uint64_t duplicates = 0;
@@ -59,8 +59,7 @@ private:
 
     int allocateBuffer() {
         LOG_HERE(3, "Starting send Buffer Blocks");
-        const ReplicationSettings defaults;
-        bufferSize_ = settings_.maxBlocks < 1 ? defaults.maxBlocks : settings_.maxBlocks;
+        bufferSize_ = bufferBytes(settings_);
         for (;;) {
             buffer_.reset(static_cast<std::byte*>(std::malloc(bufferSize_)));
             if (buffer_)
@@ -75,8 +74,7 @@ private:
     }
 
     int allocateRecords() {
-        const ReplicationSettings defaults;
-        long capacity = settings_.metaSize < 1 ? defaults.metaSize : settings_.metaSize;
+        auto capacity = static_cast<long>(batchRecords(settings_));
         for (;;) {
             if (capacity < 1) {
                 LOG_HERE(0, "Error: unable to get memory for meta buffer");

@@ -197,4 +197,63 @@ TEST_F(HashedContents, ABlockThatTheStoreCannotGiveIsReadFromABackup) {
     EXPECT_EQ(read(300000, 0, 1), "0");
 }
 
+// Announced blocks are read without a statement a block, under one lock that lasts until they are withdrawn.
+TEST_F(HashedContents, AnnouncedBlocksAreLookedUpTogether) {
+    addBackup(1, 5000);
+    const std::string other(1000, 'o');
+    const std::uint64_t otherID = addHash(other);
+    addMapping(1, otherID, 100);
+    writeFile(fileOf(1), std::string(100, 'x') + other + std::string(3900, 'x') + data);
+    hashValue first = record();
+    hashValue second = recordOf(other);
+    second.hashID = otherID;
+    second.flags = hashID_out | hashValue_out;
+    const std::vector<hashValue*> records{&second, &first};
+    const auto canLock = [&] {
+        const FileDescriptor file(open(fileOf(1).c_str(), O_RDONLY | O_CLOEXEC));
+        return flock(file.get(), LOCK_EX | LOCK_NB) == 0;
+    };
+    ASSERT_EQ(announceHashedContents(&handle, records), 0);
+    EXPECT_FALSE(canLock());
+    catalogue.sql("ALTER TABLE dq.backups_hash_values RENAME TO away");
+    std::vector<std::byte> buffer(other.size());
+    EXPECT_EQ(readHashedContents(&handle, &second, buffer, 0), 1000);
+    EXPECT_EQ(std::memcmp(buffer.data(), other.data(), other.size()), 0);
+    EXPECT_EQ(read(300000, 0, 1), "ok 300000");
+    withdrawHashedContents(&handle);
+    EXPECT_TRUE(canLock());
+    EXPECT_EQ(read(300000), "-1") << "now the table is asked";
+    EXPECT_EQ(announceHashedContents(&handle, records), -1);
+    catalogue.sql("ALTER TABLE dq.away RENAME TO backups_hash_values");
+    EXPECT_EQ(read(300000), "ok 300000") << "as if nothing had been announced";
+}
+
+TEST_F(HashedContents, AnnouncedBlocksThatLieElsewhereAreReadAsEver) {
+    addBackup(1, 5000);
+    const std::string other(1000, 'o');
+    const std::uint64_t otherID = addHash(other);
+    catalogue.sql("INSERT INTO dq.backups (backup_no, properties) VALUES (2, 1536)");
+    writeFile(fileOf(2), other);
+    addMapping(2, otherID, 0);
+    hashValue first = record();
+    hashValue second = recordOf(other);
+    second.hashID = otherID;
+    second.flags = hashID_out | hashValue_out;
+    hashValue gone = recordOf("gone");
+    gone.hashID = 4711;
+    gone.flags = hashID_out | hashValue_out;
+    const std::vector<hashValue*> records{&first, &gone, &second};
+    ASSERT_EQ(announceHashedContents(&handle, records), 0);
+    std::vector<std::byte> buffer(300000);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(read(300000, 0, 1), "ok 300000");
+        EXPECT_EQ(readHashedContents(&handle, &second, buffer, 0), 1000);
+        EXPECT_EQ(std::memcmp(buffer.data(), other.data(), other.size()), 0);
+        EXPECT_LE(readHashedContents(&handle, &gone, buffer, 0), 0);
+    }
+    ASSERT_EQ(announceHashedContents(&handle, records), 0) << "with a file that was replaced meanwhile";
+    fs::remove(fileOf(2));
+    EXPECT_EQ(read(300000, 0, 1), "ok 300000");
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -33,23 +34,26 @@ public:
             names.push_back(nameOf(request));
         return names;
     }
+    static std::string nameOf(const Request& request) {
+        const std::string path = request.path();
+        const std::string name = path.substr(path.rfind('/') + 1);
+        return name.starts_with("b-sha512-") ? "b-" + name.substr(9, name.find('-', 9) - 9) : name;
+    }
     [[nodiscard]] std::vector<Request> requests() { return server_.requests(); }
 
     // Set before the phase runs, looked at after it.
     std::set<std::string> blocks;                            // the data that it holds
     std::map<std::string, std::deque<std::string>> instead;  // replies by name, nothing being done; empty: hangs up
     std::deque<std::int64_t> countErrors;                    // added to the next counts
+    std::deque<std::size_t> keeps;                           // of the next multiblocks: new blocks kept, the rest lost
+    std::function<void(const std::string&)> beforeReply;     // by name, in the connection's thread
 
 private:
-    static std::string nameOf(const Request& request) {
-        const std::string path = request.path();
-        const std::string name = path.substr(path.rfind('/') + 1);
-        return name.starts_with("b-sha512-") ? "b-" + name.substr(9, name.find('-', 9) - 9) : name;
-    }
-
     std::string replyTo(const Request& request) {
-        const std::lock_guard lock(mutex_);
         const std::string name = nameOf(request);
+        if (beforeReply)
+            beforeReply(name);
+        const std::lock_guard lock(mutex_);
         EXPECT_EQ(request.header("X-BackupNo"), name == "backup-check" ? "" : "31");
         if (std::deque<std::string>& replies = instead[name]; !replies.empty()) {
             const std::string reply = replies.front();
@@ -85,12 +89,18 @@ private:
     void storeAll(const Request& request) {
         std::size_t at = 0;
         int number = 0;
+        std::size_t room = std::string::npos;
+        if (!keeps.empty()) {
+            room = blocks.size() + keeps.front();
+            keeps.pop_front();
+        }
         for (; at + BLOCK_HEADER_SIZE <= request.body.size(); ++number) {
             std::uint32_t length = 0;
             std::memcpy(&length, request.body.data() + at + 8, sizeof length);
             const std::string block = request.body.substr(at + BLOCK_HEADER_SIZE, length);
             EXPECT_EQ(request.body.substr(at + 12, HASH_VALUE_SIZE), digestOf(block));
-            blocks.insert(block);
+            if (blocks.size() < room)
+                blocks.insert(block);
             at += BLOCK_HEADER_SIZE + length;
         }
         EXPECT_EQ(at, request.body.size());

@@ -2,97 +2,22 @@
 
 #include <numeric>
 
-#include "fake_target.h"
-#include "pipeline/send_phase.h"
-#include "support/hashed_backup.h"
+#include "send_fixture.h"
 
 namespace {
 
+using testsupport::Blocks;
+using testsupport::HANG_UP;
+using testsupport::Names;
 using testsupport::ok;
-using testsupport::randomBytes;
-using Names = std::vector<std::string>;
-using Blocks = std::vector<std::string>;
+using testsupport::UNAVAILABLE;
 
 constexpr int CURL_FAILURE = 1;  // stands for any code of libcurl
-constexpr const char* UNAVAILABLE = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n";
-constexpr const char* HANG_UP = "";
 
-class SendBlocks : public testsupport::HashedBackup {
+class SendBlocks : public testsupport::SendFixture {
 protected:
-    SendBlocks() {
-        g_settings = {};
-        settings.metaSize = 2;
-        settings.maxBlocks = 4096;
-        progress.operation = "processing";
-        progress.next_size = 0;  // a write is due at once
-    }
-    ~SendBlocks() override { g_settings = {}; }
-
-    int send() {
-        return sendBlocks(settings, {.backupNo = 7,
-                                     .url = target.name(),
-                                     .backupNoOnTarget = 31,
-                                     .progress = &progress,
-                                     .bytesSent = &bytesSent});
-    }
-
-    static Blocks blocksOf(const std::vector<std::size_t>& sizes) {
-        Blocks blocks;
-        for (const std::size_t size : sizes)
-            blocks.push_back(randomBytes(size, static_cast<unsigned>(blocks.size())));
-        return blocks;
-    }
-
-    [[nodiscard]] bool targetHas(const Blocks& blocks) const {
-        return target.blocks == std::set<std::string>(blocks.begin(), blocks.end());
-    }
-
-    testsupport::FakeTarget target;
-    ReplicationSettings settings;
-    OperationProgress progress;
-    std::uint64_t bytesSent = 0;
+    int send() { return SendFixture::send(&sendBlocks); }
 };
-
-TEST_F(SendBlocks, EachMissingBlockIsSentOnce) {
-    const Blocks blocks = blocksOf({100, 200, 300, 400});
-    makeBackup(7, {blocks[0], blocks[1], blocks[0], blocks[2], blocks[3], blocks[1]});
-    const struct {
-        int cluster;
-        Names requests;
-    } cases[] = {
-        {1, {"post-check-offset", "multiblock", "post-check-offset", "multiblock"}},
-        {0, {"post-check-offset", "b-100", "b-200", "post-check-offset", "b-400"}},
-    };
-    std::size_t before = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.cluster);
-        target.blocks = {blocks[2]};
-        settings.cluster = c.cluster;
-        progress.current_size = 0;
-        bytesSent = 0;
-        EXPECT_EQ(send(), 0);
-        EXPECT_TRUE(targetHas(blocks));
-        Names names = target.asked();
-        names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(before));
-        before += names.size();
-        EXPECT_EQ(names, c.requests);
-        EXPECT_EQ(bytesSent, 700u);
-        EXPECT_EQ(progress.current_size, 1000);
-        EXPECT_TRUE(root.logged("Total unique blocks sent 3, blocks not sent (already found on target) 1."));
-    }
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.operation_progress"), "1");
-    EXPECT_EQ(send(), 0) << "the target has them all now";
-    EXPECT_EQ(target.asked().size(), before + 2) << "two questions, nothing to send";
-}
-
-TEST_F(SendBlocks, AnEmptyBackupIsDoneAtOnce) {
-    makeBackup(7, {});
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(target.asked().empty());
-    settings.checkpoint = true;
-    EXPECT_EQ(send(), 0);
-    EXPECT_EQ(target.asked(), Names{"backup-block-count"});
-}
 
 TEST_F(SendBlocks, ABufferTakesBlocksUpToItsMargin) {
     settings.metaSize = 100;
@@ -111,16 +36,13 @@ TEST_F(SendBlocks, ABufferTakesBlocksUpToItsMargin) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        catalogue.sql("DELETE FROM dq.backups; DELETE FROM dq.backups_hash_values");
-        const std::size_t before = target.asked().size();
+        forgetBackup();
         const Blocks blocks = blocksOf(c.sizes);
         target.blocks.clear();
         progress.current_size = 0;
         makeBackup(7, blocks);
         EXPECT_EQ(send(), 0);
-        Names names = target.asked();
-        names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(before));
-        EXPECT_EQ(names, c.requests);
+        EXPECT_EQ(newRequests(), c.requests);
         EXPECT_TRUE(targetHas(blocks));
         EXPECT_EQ(progress.current_size, std::accumulate(c.sizes.begin(), c.sizes.end(), 0));
     }
@@ -204,60 +126,6 @@ TEST_F(SendBlocks, ALargeBlockHasOneTry) {
     EXPECT_TRUE(root.logged("Failed to put large block"));
     EXPECT_EQ(send(), 0);
     EXPECT_EQ(target.blocks.size(), 1u);
-}
-
-TEST_F(SendBlocks, ABlockThatCannotBeReadEndsThePhase) {
-    const Blocks blocks = blocksOf({100, 200, 300});
-    makeBackup(7, blocks);
-    std::filesystem::resize_file(fileOf(7), 4 + 350);
-    EXPECT_EQ(send(), -1);
-    EXPECT_TRUE(root.logged("readHashedContents failed"));
-    EXPECT_TRUE(targetHas({blocks[0], blocks[1]})) << "what came before is there for the next try";
-    catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = 1");
-    target.blocks.clear();
-    EXPECT_EQ(send(), -1) << "nobody has the data";
-    EXPECT_TRUE(target.blocks.empty());
-}
-
-TEST_F(SendBlocks, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
-    const Blocks blocks = blocksOf({100, 200, 300});
-    makeBackup(3, {blocks[0], blocks[1]});
-    makeBackup(7, blocks);
-    catalogue.sql(
-        "UPDATE dq.backups SET type = 1, instance_id = 5, sync_status = CASE WHEN backup_no = 3 THEN 2 ELSE 1 "
-        "END; INSERT INTO dq.application_instances (instance_id, node_no, app_id, identity) VALUES (5, 1, 1, "
-        "'11111111-1111-1111-1111-111111111111')");
-    std::string held(24, '\0');
-    held[0] = 44;
-    held[9] = 4;
-    held[17] = 2;
-    const auto questions = [&] {
-        std::string body;
-        for (const auto& request : target.requests())
-            body += request.path().ends_with("post-check-offset") ? request.header("X-Expect") : "";
-        return body;
-    };
-    target.instead["backup-check"] = {ok(held), HANG_UP};
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas({blocks[2]}));
-    EXPECT_EQ(questions(), "1");
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks)) << "an unconfirmed backup excludes nothing";
-    EXPECT_EQ(questions(), "121");
-    g_settings.blockEliminationType = 9;
-    EXPECT_EQ(send(), -1);
-    EXPECT_TRUE(root.logged("Failed to get exclusion list:-1"));
-}
-
-TEST_F(SendBlocks, SettingsThatAreNoneCountAsTheDefaults) {
-    settings.maxBlocks = 0;
-    settings.metaSize = 0;
-    settings.cluster = 1;
-    const Blocks blocks = blocksOf({100, 20000, 300});
-    makeBackup(7, blocks);
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
-    EXPECT_EQ(target.asked(), (Names{"post-check-offset", "multiblock"}));
 }
 
 }  // namespace

@@ -1,0 +1,145 @@
+// Looking up blocks that will be read next, many in one statement.
+//
+// What a single read asks for twice, the record and its place in the open backup's file, one statement tells here of
+// all of them. The file is locked before the statement runs, as for a single read: what it tells was seen under the
+// lock, and holds as long as the lock does.
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include "foundation/logger.h"
+#include "hash/hash_generation.h"
+#include "hash/hashed_contents_internal.h"
+#include "hash/signal_catch.h"
+
+namespace {
+
+constexpr std::uint32_t STORE_FLAGS = SISoffset_in | SISoffset_out;
+
+constexpr char STATEMENT[] =
+    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset FROM dq.hash_values h LEFT JOIN "
+    "dq.backups_hash_values r ON (r.hash_id = h.hash_id) AND (r.backup_no = $2) AND (r.deduplicated IS NULL) AND "
+    "(r.hash_incomplete = FALSE) WHERE (h.hash_id = ANY($1::bigint[]))";
+constexpr char STATEMENT_WITH_LENGTH[] =
+    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset, h.compressed_length FROM dq.hash_values h LEFT "
+    "JOIN dq.backups_hash_values r ON (r.hash_id = h.hash_id) AND (r.backup_no = $2) AND (r.deduplicated IS NULL) AND "
+    "(r.hash_incomplete = FALSE) WHERE (h.hash_id = ANY($1::bigint[]))";
+
+using Records = std::vector<hashValue*>;
+
+std::string arrayOf(const Records& records) {
+    std::string text = "{";
+    for (const hashValue* record : records) {
+        if (text.size() > 1)
+            text += ',';
+        text += std::to_string(static_cast<std::int64_t>(record->hashID));
+    }
+    return text += '}';
+}
+
+std::uint64_t number(const PGresult* rows, int row, int column) {
+    return static_cast<std::uint64_t>(std::strtoll(PQgetvalue(rows, row, column), nullptr, 10));
+}
+
+void fillRecord(const PGresult* rows, int row, hashValue* record) {
+    record->flags |= hashID_out;
+    const bool inStore = PQgetisnull(rows, row, 2) == 0;
+    if (!inStore && (record->flags & SISoffset_in) != 0)
+        return;
+    record->flags = (record->flags & ~STORE_FLAGS) | (inStore ? SISoffset_out : 0);
+    record->SISoffset = inStore ? number(rows, row, 2) : NO_SIS_OFFSET;
+    const bool hasLength = PQnfields(rows) > 4 && PQgetisnull(rows, row, 4) == 0;
+    record->compressedLength = hasLength ? number(rows, row, 4) : 0;
+}
+
+// Takes the rows over. A hash of another length than the record's is another hash under a number that was used again:
+// it isn't announced, so that its read finds out.
+void takeRows(hashedContents* handle, const Records& sorted, const PGresult* rows) {
+    Announcement announcement;
+    for (int row = 0; row < PQntuples(rows); ++row) {
+        const std::uint64_t hashID = number(rows, row, 0);
+        const auto found = std::ranges::equal_range(sorted, hashID, {}, &hashValue::hashID);
+        if (found.empty() || found.front()->hashedLength != number(rows, row, 1))
+            continue;
+        for (hashValue* record : found)
+            fillRecord(rows, row, record);
+        announcement.hashIDs.push_back(hashID);
+        if (PQgetisnull(rows, row, 3) == 0)
+            announcement.places.push_back({hashID, static_cast<std::int64_t>(number(rows, row, 3))});
+    }
+    std::ranges::sort(announcement.hashIDs);
+    std::ranges::stable_sort(announcement.places, {}, &Announcement::Place::hashID);
+    handle->announced = std::move(announcement);
+}
+
+// Has some backup open and locked, if there is one to read the first of the blocks from.
+void lockBackup(hashedContents* handle, std::span<hashValue* const> records) {
+    if (lockOpenBackup(handle))
+        return;
+    for (const hashValue* record : records) {
+        if ((record->flags & STORE_FLAGS) == 0) {
+            (void)findBackupCandidate(handle, record->hashID, 0);  // logged; then each read searches for itself
+            return;
+        }
+    }
+}
+
+int announce(hashedContents* handle, std::span<hashValue* const> records) {
+    if (prepareHashValuesPrivatePSQL(&handle->hashValues) == -1)
+        return -1;
+    HashConnection& connection = handle->hashValues->connection;
+    const int hasLength = hasCompressedLength(&connection);
+    if (hasLength == -1)
+        return -1;
+    lockBackup(handle, records);
+    Records sorted(records.begin(), records.end());
+    std::ranges::sort(sorted, {}, &hashValue::hashID);
+    const PgRowsPtr rows = connection.runPrepared(
+        "announced", hasLength == 1 ? STATEMENT_WITH_LENGTH : STATEMENT,
+        {arrayOf(sorted), std::to_string(static_cast<std::int64_t>(handle->backup ? handle->backupNumber : 0))});
+    if (!succeeded(rows.get())) {
+        log_message(0, "Can't look up %zu hash values\n%s", records.size(), connection.error());
+        return -1;
+    }
+    takeRows(handle, sorted, rows.get());
+    return 0;
+}
+
+}  // namespace
+
+bool Announcement::names(std::uint64_t hashID) const {
+    return std::ranges::binary_search(hashIDs, hashID);
+}
+
+std::optional<std::int64_t> Announcement::placeOf(std::uint64_t hashID) const {
+    const auto place = std::ranges::lower_bound(places, hashID, {}, &Place::hashID);
+    return place != places.end() && place->hashID == hashID ? std::optional(place->fileOffset) : std::nullopt;
+}
+
+int announceHashedContents(HashedContentsPtr* handle, std::span<hashValue* const> records) {
+    withdrawHashedContents(handle);
+    if (records.empty())
+        return 0;
+    const CaughtSignals caught(SignalLayer::hashes, __func__);
+    if (caught.failed() || !generationIsServed())
+        return -1;
+    if (!*handle)
+        handle->reset(new (std::nothrow) hashedContents);
+    if (!*handle) {
+        log_message(0, "malloc(%zd) failed\n", static_cast<ssize_t>(sizeof(hashedContents)));
+        return -1;
+    }
+    const int result = announce(handle->get(), records);
+    if ((*handle)->announced.places.empty() && (*handle)->backupLocked)
+        unlockBackup(handle->get());
+    return result;
+}
+
+void withdrawHashedContents(HashedContentsPtr* handle) {
+    if (!*handle)
+        return;
+    if ((*handle)->backupLocked)
+        unlockBackup(handle->get());
+    (*handle)->announced = {};
+}
