@@ -25,7 +25,7 @@ INSTANTIATE_TEST_SUITE_P(Phases, EachPhase, ::testing::Values(&sendBlocks, &send
 TEST_P(EachPhase, SendsEachMissingBlockOnce) {
     const Blocks blocks = blocksOf({100, 200, 300, 400});
     makeBackup(7, {blocks[0], blocks[1], blocks[0], blocks[2], blocks[3], blocks[1]});
-    target.blocks = {blocks[2]};
+    target->blocks = {blocks[2]};
     EXPECT_EQ(send(), 0);
     EXPECT_TRUE(targetHas(blocks));
     Names names = newRequests();
@@ -62,10 +62,10 @@ TEST_P(EachPhase, AnAnswerThatIsNoneEndsThePhaseAndAPutHasTwoTries) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        target.blocks.clear();
-        target.instead = {{c.request, c.instead}};
+        target->blocks.clear();
+        target->instead = {{c.request, c.instead}};
         EXPECT_EQ(send() == 0, c.succeeds);
-        EXPECT_EQ(target.blocks.size() == 6, c.succeeds);
+        EXPECT_EQ(target->blocks.size() == 6, c.succeeds);
     }
 }
 
@@ -74,12 +74,12 @@ TEST_P(EachPhase, ABlockThatCannotBeReadEndsThePhase) {
     makeBackup(7, blocks);
     std::filesystem::resize_file(fileOf(7), 4 + 350);
     EXPECT_EQ(send(), -1);
-    EXPECT_FALSE(target.blocks.contains(blocks[2]));
+    EXPECT_FALSE(target->blocks.contains(blocks[2]));
     EXPECT_TRUE(isThreaded() || targetHas({blocks[0], blocks[1]})) << "what came before is there for the next try";
     catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = 1");
-    target.blocks.clear();
+    target->blocks.clear();
     EXPECT_EQ(send(), -1) << "nobody has the data";
-    EXPECT_TRUE(target.blocks.empty());
+    EXPECT_TRUE(target->blocks.empty());
 }
 
 TEST_P(EachPhase, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
@@ -100,7 +100,7 @@ TEST_P(EachPhase, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
             body += request.path().ends_with("post-check-offset") ? request.header("X-Expect") : "";
         return body;
     };
-    target.instead["backup-check"] = {ok(held), HANG_UP};
+    target->instead["backup-check"] = {ok(held), HANG_UP};
     EXPECT_EQ(send(), 0);
     EXPECT_TRUE(targetHas({blocks[2]}));
     EXPECT_EQ(questions(), isThreaded() ? "10" : "1");

@@ -16,6 +16,9 @@
 
 namespace testsupport {
 
+inline constexpr const char* HANG_UP = "";
+inline constexpr const char* AS_EVER = "as ever";
+
 class FakeTarget {
 public:
     FakeTarget() {
@@ -41,24 +44,32 @@ public:
     }
     [[nodiscard]] std::vector<Request> requests() { return server_.requests(); }
 
-    // Set before the phase runs, looked at after it.
-    std::set<std::string> blocks;                            // the data that it holds
-    std::map<std::string, std::deque<std::string>> instead;  // replies by name, nothing being done; empty: hangs up
-    std::deque<std::int64_t> countErrors;                    // added to the next counts
-    std::deque<std::size_t> keeps;                           // of the next multiblocks: new blocks kept, the rest lost
-    std::function<void(const std::string&)> beforeReply;     // by name, in the connection's thread
+    // What it holds and what it does; for the test's thread, once no request is being answered.
+    struct State {
+        std::set<std::string> blocks;  // the data that it holds
+        // Replies by name, nothing being done: HANG_UP has none, AS_EVER is the usual one.
+        std::map<std::string, std::deque<std::string>> instead;
+        std::deque<std::int64_t> countErrors;                 // added to the next counts
+        std::deque<std::size_t> keeps;                        // of the next multiblocks: new blocks kept, the rest lost
+        std::function<void(const std::string&)> beforeReply;  // by name, in the connection's thread
+    };
+    State* operator->() {
+        (void)server_.requests();
+        return &state_;
+    }
 
 private:
     std::string replyTo(const Request& request) {
         const std::string name = nameOf(request);
-        if (beforeReply)
-            beforeReply(name);
+        if (state_.beforeReply)
+            state_.beforeReply(name);
         const std::lock_guard lock(mutex_);
         EXPECT_EQ(request.header("X-BackupNo"), name == "backup-check" ? "" : "31");
-        if (std::deque<std::string>& replies = instead[name]; !replies.empty()) {
+        if (std::deque<std::string>& replies = state_.instead[name]; !replies.empty()) {
             const std::string reply = replies.front();
             replies.pop_front();
-            return reply;
+            if (reply != AS_EVER)
+                return reply;
         }
         if (name == "post-check-offset")
             return ok(whichAreHere(request.body));
@@ -73,7 +84,7 @@ private:
 
     std::string whichAreHere(const std::string& body) const {
         std::set<std::string> digests;
-        for (const std::string& block : blocks)
+        for (const std::string& block : state_.blocks)
             digests.insert(digestOf(block));
         std::string reply;
         for (std::size_t at = 0; at < body.size(); at += CHECK_RECORD_SIZE)
@@ -90,17 +101,17 @@ private:
         std::size_t at = 0;
         int number = 0;
         std::size_t room = std::string::npos;
-        if (!keeps.empty()) {
-            room = blocks.size() + keeps.front();
-            keeps.pop_front();
+        if (!state_.keeps.empty()) {
+            room = state_.blocks.size() + state_.keeps.front();
+            state_.keeps.pop_front();
         }
         for (; at + BLOCK_HEADER_SIZE <= request.body.size(); ++number) {
             std::uint32_t length = 0;
             std::memcpy(&length, request.body.data() + at + 8, sizeof length);
             const std::string block = request.body.substr(at + BLOCK_HEADER_SIZE, length);
             EXPECT_EQ(request.body.substr(at + 12, HASH_VALUE_SIZE), digestOf(block));
-            if (blocks.size() < room)
-                blocks.insert(block);
+            if (state_.blocks.size() < room)
+                state_.blocks.insert(block);
             at += BLOCK_HEADER_SIZE + length;
         }
         EXPECT_EQ(at, request.body.size());
@@ -109,14 +120,14 @@ private:
 
     void store(const std::string& block, const std::string& hex) {
         EXPECT_EQ(hashValueHex(recordOf(block)), hex);
-        blocks.insert(block);
+        state_.blocks.insert(block);
     }
 
     std::string count() {
-        auto number = static_cast<std::int64_t>(blocks.size());
-        if (!countErrors.empty()) {
-            number += countErrors.front();
-            countErrors.pop_front();
+        auto number = static_cast<std::int64_t>(state_.blocks.size());
+        if (!state_.countErrors.empty()) {
+            number += state_.countErrors.front();
+            state_.countErrors.pop_front();
         }
         std::string reply(sizeof number, '\0');
         std::memcpy(reply.data(), &number, sizeof number);
@@ -124,6 +135,7 @@ private:
     }
 
     std::mutex mutex_;
+    State state_;
     ScriptedServer server_;  // last: it ends its scripts before what they use goes
 };
 

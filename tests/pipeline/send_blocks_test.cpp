@@ -38,7 +38,7 @@ TEST_F(SendBlocks, ABufferTakesBlocksUpToItsMargin) {
         SCOPED_TRACE(c.what);
         forgetBackup();
         const Blocks blocks = blocksOf(c.sizes);
-        target.blocks.clear();
+        target->blocks.clear();
         progress.current_size = 0;
         makeBackup(7, blocks);
         EXPECT_EQ(send(), 0);
@@ -59,13 +59,13 @@ TEST_F(SendBlocks, FailuresEndThePhaseOrAreMadeGood) {
                             const char* logged) {
         SCOPED_TRACE(what);
         root.clearLog();
-        target.blocks.clear();
-        target.instead = {{request, instead}};
-        target.countErrors = countErrors;
+        target->blocks.clear();
+        target->instead = {{request, instead}};
+        target->countErrors = countErrors;
         settings.retryCount = retryCount;
         const int code = send();
         EXPECT_EQ(code > 0 ? CURL_FAILURE : code, result) << code;
-        EXPECT_EQ(target.blocks.size(), held);
+        EXPECT_EQ(target->blocks.size(), held);
         EXPECT_TRUE(root.logged(logged)) << root.log();
     };
     const std::string check = "post-check-offset";
@@ -98,18 +98,18 @@ TEST_F(SendBlocks, FailuresEndThePhaseOrAreMadeGood) {
 TEST_F(SendBlocks, AFailureThatNoCheckpointMadeGoodIsTheResult) {
     makeBackup(7, blocksOf({100, 200}));
     settings.checkpoint = true;
-    target.instead["multiblock"] = {HANG_UP, HANG_UP};
+    target->instead["multiblock"] = {HANG_UP, HANG_UP};
     EXPECT_GT(send(), 0);
-    EXPECT_TRUE(target.blocks.empty());
+    EXPECT_TRUE(target->blocks.empty());
     EXPECT_TRUE(root.logged("Checkpoint found mismatch, retry meta batch"));
     EXPECT_EQ(send(), 0) << "the next try";
-    EXPECT_EQ(target.blocks.size(), 2u);
+    EXPECT_EQ(target->blocks.size(), 2u);
 }
 
 TEST_F(SendBlocks, AShortCountPutsTheBatchBackInTheProgress) {
     makeBackup(7, blocksOf({100, 200, 300, 400}));
     settings.checkpoint = true;
-    target.countErrors = {0, -1};
+    target->countErrors = {0, -1};
     progress.current_size = 1000;
     EXPECT_EQ(send(), 0);
     EXPECT_EQ(progress.current_size, 1700) << "less the 300 bytes of the first batch";
@@ -120,12 +120,12 @@ TEST_F(SendBlocks, AShortCountPutsTheBatchBackInTheProgress) {
 TEST_F(SendBlocks, ALargeBlockHasOneTry) {
     settings.maxBlocks = 1024;
     makeBackup(7, blocksOf({2000}));
-    target.instead["b-2000"] = {UNAVAILABLE, HANG_UP};
+    target->instead["b-2000"] = {UNAVAILABLE, HANG_UP};
     EXPECT_EQ(send(), -1);
     EXPECT_GT(send(), 0);
     EXPECT_TRUE(root.logged("Failed to put large block"));
     EXPECT_EQ(send(), 0);
-    EXPECT_EQ(target.blocks.size(), 1u);
+    EXPECT_EQ(target->blocks.size(), 1u);
 }
 
 }  // namespace

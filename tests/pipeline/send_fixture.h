@@ -15,7 +15,6 @@ using Names = std::vector<std::string>;
 using Blocks = std::vector<std::string>;
 
 inline constexpr const char* UNAVAILABLE = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n";
-inline constexpr const char* HANG_UP = "";
 
 using SendPhase = int (*)(const ReplicationSettings&, const SendJob&);
 
@@ -45,8 +44,8 @@ protected:
         return blocks;
     }
 
-    [[nodiscard]] bool targetHas(const Blocks& blocks) const {
-        return target.blocks == std::set<std::string>(blocks.begin(), blocks.end());
+    [[nodiscard]] bool targetHas(const Blocks& blocks) {
+        return target->blocks == std::set<std::string>(blocks.begin(), blocks.end());
     }
 
     // The requests since the last call, less questions about no blocks.
