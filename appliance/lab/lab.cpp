@@ -201,8 +201,8 @@ void Lab::addOperationTypes() const {
 }
 
 void Lab::useFirstSettings() {
-    replication_ = {{"SyncTo", vaultName()}, {"Enabled", "true"},    {"QueueScheme", "1"},
-                    {"TimeDelay", "1"},      {"CheckInterval", "1"}, {"ThreadedSendBlocks", "0"}};
+    replication_ = {
+        {"SyncTo", vaultName()}, {"Enabled", "true"}, {"QueueScheme", "1"}, {"TimeDelay", "1"}, {"CheckInterval", "1"}};
     writeSourceIni();
     vault_.masterIni("[debugging]\n  vaultServer=3\n");
 }

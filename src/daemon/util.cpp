@@ -79,7 +79,7 @@ constexpr Command COMMANDS[] = {
      "Asks the target about a set of blocks. For each block, a reference is made on the target.", 4, ANY_NUMBER,
      utilPostCheckOffset, 2},
     {"put-block", " <vault> <target backup_no> <bufferSize> <3tuple> <offset> <3tuple> <offset> ...",
-     "Read and send blocks to the target", 5, ANY_NUMBER, notInThisVersion, 2},
+     "Read and send blocks to the target", 5, ANY_NUMBER, utilPutBlock, 2},
     {"send-hactar", " <vault> <local backup_no> <target backup_no>", "Create and send a hactar to the target", 3, 3,
      utilSendHactar},
     {"cancel-backup", " <vault> <local backup_no>", "Fail a backup on the target based on local backup_no", 2, 2,

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "hash/hash_list.h"
 #include "hash/hash_value.h"
 #include "hash/hashed_contents.h"
+#include "pipeline/workBuffer.h"
 #include "rest/blocks.h"
 #include "rest/session.h"
 
@@ -75,6 +78,40 @@ bool blockArguments(Arguments arguments, std::vector<hashReferenceInfo>* records
         records->push_back(record);
     }
     return true;
+}
+
+// Sends what the buffer holds and empties it.
+int sendBuffer(WorkBuffer* buffer, const char* target, std::int64_t targetBackupNo) {
+    int curlCode = 0;
+    const int result = buffer->sendMultiBlock(target, targetBackupNo, &curlCode, nullptr);
+    if (result < 0 || curlCode != 0) {
+        LOG_HERE(0, "Failed to put blocks, error=%d, Curl status: %s", result, curlText(curlCode));
+        fprintf(stderr, "ferryd util: the target did not take the blocks\n");
+        return FAILED;
+    }
+    buffer->clear();
+    return 0;
+}
+
+int fillAndSend(WorkBuffer* buffer, std::vector<hashReferenceInfo>* records, const char* target,
+                std::int64_t targetBackupNo) {
+    for (auto record = records->begin(); record != records->end();) {
+        if (stopRequested())
+            return FAILED;
+        const int added = buffer->addBlock(&*record, nullptr);
+        if (added == WorkBuffer::Failed || (added == WorkBuffer::Full && buffer->blocks() == 0)) {
+            LOG_HERE(0, "Failed to add block %zd to the buffer", std::distance(records->begin(), record));
+            fprintf(stderr, added == WorkBuffer::Failed
+                                ? "ferryd util: a block can't be read\n"
+                                : "ferryd util: a block is as long as the buffer less its header, give another size\n");
+            return FAILED;
+        }
+        if (added == WorkBuffer::Done)
+            ++record;
+        else if (sendBuffer(buffer, target, targetBackupNo) != 0)
+            return FAILED;
+    }
+    return sendBuffer(buffer, target, targetBackupNo);
 }
 
 }  // namespace
@@ -179,4 +216,21 @@ int utilPostCheckOffset(Arguments arguments) {
     }
     printf("%s\n", reply->c_str());
     return 0;
+}
+
+int utilPutBlock(Arguments arguments) {
+    std::uint64_t targetBackupNo = 0;
+    std::uint64_t bufferSize = 0;
+    std::vector<hashReferenceInfo> records;
+    if (!numberArgument(arguments[1], &targetBackupNo) || !numberArgument(arguments[2], &bufferSize) ||
+        !blockArguments(arguments.subspan(3), &records))
+        return FAILED;
+    try {
+        WorkBuffer buffer(bufferSize);
+        return fillAndSend(&buffer, &records, arguments[0], static_cast<std::int64_t>(targetBackupNo));
+    } catch (const std::runtime_error& e) {
+        LOG_HERE(0, "%s", e.what());
+        fprintf(stderr, "ferryd util: no memory for a buffer of %lu bytes\n", bufferSize);
+        return FAILED;
+    }
 }

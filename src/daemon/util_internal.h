@@ -32,6 +32,7 @@ int utilBlock(Arguments arguments);
 int utilTupleHash(Arguments arguments);
 int utilPostCheck(Arguments arguments);
 int utilPostCheckOffset(Arguments arguments);
+int utilPutBlock(Arguments arguments);
 
 // Backups, here and on a target.
 int utilExportUbi(Arguments arguments);

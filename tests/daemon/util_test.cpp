@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 
 #include "bookkeeping/replicationQueue.h"
 #include "daemon/daemon_fixture.h"
@@ -51,6 +52,80 @@ TEST_F(Util, UsageIsPrintedWheneverTheArgumentsDontFit) {
                                   "post-check-offset vault 7 b-sha512-1-00 0 b-sha512-1-00", "list-backup-status"})
         EXPECT_EQ(output(arguments), readFile(FERRYD_USAGE_TEXT)) << arguments;
     EXPECT_EQ(output("Peek 0") + output("cancel-ubi vault ubi"), "");
+}
+
+// Every command that takes something: n a number, v a target, t a 3tuple, u an identity.
+constexpr std::pair<const char*, const char*> SHAPES[] = {{"enqueue", "nv"},
+                                                          {"complete", "nv"},
+                                                          {"remove", "nv"},
+                                                          {"peek", "n"},
+                                                          {"swap", "nvnv"},
+                                                          {"cleanup", "nv"},
+                                                          {"count", "n"},
+                                                          {"list", "nn"},
+                                                          {"lbe", "nn"},
+                                                          {"block", "t"},
+                                                          {"export-ubi", "n"},
+                                                          {"check-ubi", "uv"},
+                                                          {"export-metadata", "n"},
+                                                          {"replicate", "nv"},
+                                                          {"tuple-hash", "tnn"},
+                                                          {"start-backup", "vn"},
+                                                          {"fix-paused-instance", "vn"},
+                                                          {"post-check-offset", "vntn"},
+                                                          {"put-block", "vnntn"},
+                                                          {"send-hactar", "vnn"},
+                                                          {"cancel-backup", "vn"},
+                                                          {"list-backup-status", "v"}};
+
+TEST_F(Util, EveryCommandRefusesAnArgumentTooManyAndTextsThatAreNoNumbers) {
+    const auto command = [](const char* name, const std::string& shape, std::size_t wrong) {
+        std::string text = name;
+        for (std::size_t i = 0; i < shape.size(); ++i) {
+            const std::map<char, std::string> good = {
+                {'n', "7"}, {'v', "127.0.0.1:1"}, {'t', "b-sha512-1-" + std::string(128, '0')}, {'u', "nonsense"}};
+            text += i == wrong ? " 7x" : " " + good.at(shape[i]);
+        }
+        return text;
+    };
+    const std::string usage = readFile(FERRYD_USAGE_TEXT);
+    for (const auto& [name, shape] : SHAPES) {
+        EXPECT_EQ(output(command(name, shape, std::string::npos) + " more"), usage) << name;
+        for (std::size_t i = 0; shape[i] != '\0'; ++i)
+            if (shape[i] == 'n' || shape[i] == 't') {
+                EXPECT_EQ(output(command(name, shape, i) + " 2>/dev/null", 1), "") << name << " " << i;
+            }
+    }
+}
+
+// Nobody listens at the target's port.
+TEST_F(Util, TargetThatDoesNotAnswerIsReported) {
+    device();
+    tool("recipe", "echo metadata >'" + (root / "disk").string() + "'/hactar_$2");
+    instance(2);
+    backup(7);
+    queue(7, REPLICATION_OUT_OF_ORDER, "127.0.0.1:1");
+    const std::string tuple = " b-sha512-1-" + std::string(128, '0') + " 0";
+    const std::string ubi = std::string(INSTANCE_UUID) + "_1000_1";
+    const struct {
+        std::string arguments;
+        int status;
+        const char* output;
+    } cases[] = {
+        {"check-ubi " + ubi + " 127.0.0.1:1", 255, "-1 0 0\n"},
+        {"start-backup 127.0.0.1:1 7", 1, "-1\n"},
+        {"fix-paused-instance 127.0.0.1:1 7", 255, "fix-paused-instance failed, error=-1\n"},
+        {"post-check-offset 127.0.0.1:1 7" + tuple + " 2>/dev/null", 1, ""},
+        {"send-hactar 127.0.0.1:1 7 7", 255, ""},
+        {"cancel-backup 127.0.0.1:1 7", 255, ""},
+        {"list-backup-status 127.0.0.1:1", 1,
+         "SOURCE: backup_no = 7 instance_id = 2 start_time = 1000 properties = 512 replication_queue_status = 128 "
+         "backups_status = 2112 type = 1\tTARGET: backup not on target\n"},
+        {"replicate 7 127.0.0.1:1", 0, ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(output(c.arguments, c.status), c.output) << c.arguments;
+    EXPECT_TRUE(utilLogged("Curl Status: Couldn't connect to server"));
 }
 
 TEST_F(Util, QueueIsChangedByHand) {

@@ -50,8 +50,8 @@ protected:
 TEST_F(Worker, CarriesABackupToTheTarget) {
     target.checks = "ubbp";
     EXPECT_EQ(carryOut(), "2/2");
-    EXPECT_EQ(target.requests(),
-              (Names{"backup-check", "start-backup", "f", "backup-check", "backup-check", "backup-check"}));
+    EXPECT_EQ(target.requests(), (Names{"backup-check", "start-backup", "post-check-offset", "f", "backup-check",
+                                        "backup-check", "backup-check"}));
     EXPECT_EQ(target.request("f").body, "metadata\n");
     EXPECT_EQ(target.request("f").header("X-BackupNo"), "77");
     EXPECT_EQ(target.request("backup-check").header("X-BackupNo"), "77");
@@ -146,11 +146,12 @@ TEST_F(Worker, RefusedStartPausesTheInstanceOrRetries) {
 TEST_F(Worker, QuestionOrStartIsLeftOutWhereItIsNeedless) {
     target.checks = "bp";  // a backup that is being built goes on where it stood
     EXPECT_EQ(carryOut(), "2/2");
-    EXPECT_EQ(target.requests(), (Names{"backup-check", "f", "backup-check"}));
+    EXPECT_EQ(target.requests(), (Names{"backup-check", "post-check-offset", "f", "backup-check"}));
 
     catalogue.sql("UPDATE dq.application_instances SET identity = NULL");  // and a new instance can't be known yet
     EXPECT_EQ(carryOut(), "2/2");
-    EXPECT_EQ(target.requests(), (Names{"backup-check", "f", "backup-check", "start-backup", "f", "backup-check"}));
+    EXPECT_EQ(target.requests(), (Names{"backup-check", "post-check-offset", "f", "backup-check", "start-backup",
+                                        "post-check-offset", "f", "backup-check"}));
     EXPECT_EQ(target.request("backup-check").body.size(), UBI.size() + 1) << "by now it has an identity";
 }
 

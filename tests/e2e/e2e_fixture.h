@@ -49,4 +49,17 @@ protected:
     pid_t workerPid() const;
 };
 
+// What must hold for both send phases; the parameter is ThreadedSendBlocks.
+class EachPhase : public EndToEnd, public ::testing::WithParamInterface<int> {
+protected:
+    void SetUp() override {
+        EndToEnd::SetUp();
+        lab().setReplication("ThreadedSendBlocks", std::to_string(GetParam()));
+    }
+};
+
+#define INSTANTIATE_PHASES(suite)                                    \
+    INSTANTIATE_TEST_SUITE_P(Phases, suite, ::testing::Values(0, 1), \
+                             [](const auto& p) { return p.param == 1 ? "threaded" : "single"; })
+
 }  // namespace e2e

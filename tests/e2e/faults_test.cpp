@@ -10,7 +10,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Faults : public EndToEnd {
+class Faults : public EachPhase {
 protected:
     // A job of some seconds: small buffers, and a target that is far away.
     std::uint64_t startSlowJob() {
@@ -27,8 +27,9 @@ protected:
         EXPECT_TRUE(lab().sameOnVault(backup));
     }
 };
+INSTANTIATE_PHASES(Faults);
 
-TEST_F(Faults, KilledWorkerLosesNothingAndNothingIsSentTwice) {
+TEST_P(Faults, KilledWorkerLosesNothingAndNothingIsSentTwice) {
     const std::uint64_t backup = startSlowJob();
     const pid_t worker = workerPid();
     ASSERT_GT(worker, 1);
@@ -44,7 +45,7 @@ TEST_F(Faults, KilledWorkerLosesNothingAndNothingIsSentTwice) {
     EXPECT_LT(held + sent, packSize() + 100000);
 }
 
-TEST_F(Faults, KilledVaultComesBackWithAllThatItAcknowledged) {
+TEST_P(Faults, KilledVaultComesBackWithAllThatItAcknowledged) {
     const std::uint64_t backup = startSlowJob();
     lab().stopVault(SIGKILL);
     ASSERT_TRUE(eventually([&] { return lastMessage(backup).starts_with("Failed: Unable to send blocks."); }));
@@ -54,7 +55,7 @@ TEST_F(Faults, KilledVaultComesBackWithAllThatItAcknowledged) {
     EXPECT_GE(packSize(), held);
 }
 
-TEST_F(Faults, RestartedDatabaseIsFoundAgain) {
+TEST_P(Faults, RestartedDatabaseIsFoundAgain) {
     lab().startVault();
     lab().startDaemon();
     lab().source().cluster().stop();
@@ -68,7 +69,7 @@ TEST_F(Faults, RestartedDatabaseIsFoundAgain) {
     retriesAndFinishes(backup);
 }
 
-TEST_F(Faults, VaultThatRefusesIsAskedAgain) {
+TEST_P(Faults, VaultThatRefusesIsAskedAgain) {
     const fs::path maintenance = lab().vault().root() / "var/run/vaultMaintenance";
     std::ofstream(maintenance) << "";
     lab().startVault();
@@ -86,7 +87,7 @@ TEST_F(Faults, VaultThatRefusesIsAskedAgain) {
     retriesAndFinishes(second);
 }
 
-TEST_F(Faults, VaultThatForgotTheBackupGetsItAnew) {
+TEST_P(Faults, VaultThatForgotTheBackupGetsItAnew) {
     hold("recipe");
     lab().startVault();
     lab().startDaemon();
@@ -103,7 +104,7 @@ TEST_F(Faults, VaultThatForgotTheBackupGetsItAnew) {
               "1");
 }
 
-TEST_F(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
+TEST_P(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     lab().setReplication("QueueScheme", "0");
     lab().startVault();
     lab().startDaemon();
@@ -111,10 +112,11 @@ TEST_F(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     const std::uint64_t older = lab().ingest(directory);
     const std::uint64_t newer = lab().ingest(directory);
     const std::string ferryd = lab().source().root() / "usr/dq/bin/ferryd";
+    std::string output;
     const auto util = [&](const std::vector<std::string>& arguments) {
         std::vector<std::string> command = {ferryd, "util"};
         command.insert(command.end(), arguments.begin(), arguments.end());
-        std::string output;
+        output.clear();
         return lab().source().run(command, &output);
     };
     ASSERT_EQ(util({"enqueue", std::to_string(newer), lab().vaultName()}), 0);
@@ -123,6 +125,17 @@ TEST_F(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     ASSERT_TRUE(reaches(older, REPLICATION_OUT_OF_ORDER));
     ASSERT_TRUE(eventually([&] { return lastMessage(older).starts_with("Failed: Unable to process initial meta"); }));
     EXPECT_TRUE(workerLogged("set REPLICATION_OUT_OF_ORDER for " + std::to_string(older) + "."));
+
+    // The list shows which is paused, and what it is paused by.
+    EXPECT_EQ(util({"list-backup-status", lab().vaultName()}), 2);
+    const auto line = [&](std::uint64_t backup) {
+        const std::size_t at = output.find("SOURCE: backup_no = " + std::to_string(backup) + " ");
+        return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
+    };
+    EXPECT_NE(line(older).find("replication_queue_status = 128"), std::string::npos) << output;
+    EXPECT_NE(line(older).find("TARGET: backup not on target"), std::string::npos) << output;
+    EXPECT_NE(line(newer).find("replication_queue_status = 2 "), std::string::npos) << output;
+    EXPECT_NE(line(newer).find("TARGET: backup_no = "), std::string::npos) << output;
 
     // Without the vault's leave nothing changes; with it the newer one makes room.
     EXPECT_NE(util({"fix-paused-instance", lab().vaultName(), std::to_string(older)}), 0);
@@ -133,7 +146,7 @@ TEST_F(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     EXPECT_EQ(lab().queueStatus(newer), 0);
 }
 
-TEST_F(Faults, MetadataThatTheVaultCantUseNeedsAssistance) {
+TEST_P(Faults, MetadataThatTheVaultCantUseNeedsAssistance) {
     lab().vault().sql("DELETE FROM application_lookup");
     lab().startVault();
     lab().startDaemon();
@@ -146,7 +159,7 @@ TEST_F(Faults, MetadataThatTheVaultCantUseNeedsAssistance) {
     }));
 }
 
-TEST_F(Faults, BackupThatIsGoneLeavesTheQueue) {
+TEST_P(Faults, BackupThatIsGoneLeavesTheQueue) {
     lab().setReplication("Enabled", "false");
     lab().startDaemon();
     const fs::path directory = data(18, 1);
@@ -167,7 +180,7 @@ TEST_F(Faults, BackupThatIsGoneLeavesTheQueue) {
     EXPECT_EQ(lab().source().value("SELECT count(*) FROM sds_stats"), "0");
 }
 
-TEST_F(Faults, BackupFileThatIsTooShortFailsAndIsRetried) {
+TEST_P(Faults, BackupFileThatIsTooShortFailsAndIsRetried) {
     hold("fileDedup");
     lab().startVault();
     lab().startDaemon();
@@ -185,14 +198,14 @@ TEST_F(Faults, BackupFileThatIsTooShortFailsAndIsRetried) {
     fs::resize_file(file, fs::file_size(file) / 2);
     lab().startVault();
     release("recipe");
-    ASSERT_TRUE(eventually([&] { return workerLogged("readHashedContents failed"); }));
+    ASSERT_TRUE(eventually([&] { return workerLogged("readHashedContents "); }));
     ASSERT_TRUE(eventually([&] { return lastMessage(backup).starts_with("Failed: "); }));
     fs::copy_file(whole, file, fs::copy_options::overwrite_existing);
     fs::remove(whole);
     retriesAndFinishes(backup);
 }
 
-TEST_F(Faults, TerminatedReplicationEndsHereAndOnTheTarget) {
+TEST_P(Faults, TerminatedReplicationEndsHereAndOnTheTarget) {
     const std::uint64_t backup = startSlowJob();
     const pid_t worker = workerPid();
     lab().source().sql("UPDATE replication_queue SET status = 32");

@@ -12,7 +12,7 @@ using testsupport::ok;
 using testsupport::Peer;
 using testsupport::ScriptedServer;
 
-class HostileTarget : public EndToEnd {
+class HostileTarget : public EachPhase {
 protected:
     // Jobs that have come to their end, well or badly.
     int attempts() const {
@@ -23,6 +23,7 @@ protected:
         return count;
     }
 };
+INSTANTIATE_PHASES(HostileTarget);
 
 // A target that doesn't know the backup, takes it as number 42 if `start` is empty, and says `blocks` of its blocks.
 ScriptedServer::Script target(std::string start, std::string blocks = "") {
@@ -39,7 +40,7 @@ ScriptedServer::Script target(std::string start, std::string blocks = "") {
     };
 }
 
-TEST_F(HostileTarget, EveryKindOfNonsenseLeavesTheBackupWaiting) {
+TEST_P(HostileTarget, EveryKindOfNonsenseLeavesTheBackupWaiting) {
     const struct {
         const char* what;
         ScriptedServer::Script script;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <sstream>
 
 #include "e2e/e2e_fixture.h"
 
@@ -10,9 +11,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Replication : public EndToEnd {};
+class Replication : public EachPhase {};
+INSTANTIATE_PHASES(Replication);
 
-TEST_F(Replication, BackupIsRebuiltByteForByteAndOnlyChangedBlocksCrossNextTime) {
+class SinglePhase : public EndToEnd {};
+
+TEST_P(Replication, BackupIsRebuiltByteForByteAndOnlyChangedBlocksCrossNextTime) {
     lab().startVault();
     lab().startDaemon();
     const fs::path directory = data(1, 8);
@@ -33,7 +37,8 @@ TEST_F(Replication, BackupIsRebuiltByteForByteAndOnlyChangedBlocksCrossNextTime)
     EXPECT_TRUE(workerLogged("Using local block elimination"));
 }
 
-TEST_F(Replication, OneBlockARequestArrivesAsWell) {
+TEST_F(SinglePhase, OneBlockARequestArrivesAsWell) {
+    lab().setReplication("ThreadedSendBlocks", "0");
     lab().setReplication("Cluster", "0");
     lab().setReplication("Checkpoint", "true");
     lab().startVault();
@@ -45,7 +50,7 @@ TEST_F(Replication, OneBlockARequestArrivesAsWell) {
     EXPECT_TRUE(workerLogged("Using checkpoint system") || workerLogged("Count/offset:"));
 }
 
-TEST_F(Replication, BufferSmallerThanABlockSendsLargeBlocks) {
+TEST_P(Replication, BufferSmallerThanABlockSendsLargeBlocks) {
     lab().setReplication("MaxBlocks", "300000");
     lab().startVault();
     lab().startDaemon();
@@ -55,7 +60,7 @@ TEST_F(Replication, BufferSmallerThanABlockSendsLargeBlocks) {
     EXPECT_TRUE(workerLogged("Starting putLargeBlock(4)"));
 }
 
-TEST_F(Replication, IncrementalBringsItsChainAndRecencyDropsWhatIsNeedless) {
+TEST_P(Replication, IncrementalBringsItsChainAndRecencyDropsWhatIsNeedless) {
     lab().setReplication("QueueScheme", "2");
     lab().setReplication("Enabled", "false");
     lab().startVault();
@@ -74,7 +79,7 @@ TEST_F(Replication, IncrementalBringsItsChainAndRecencyDropsWhatIsNeedless) {
     EXPECT_TRUE(lab().sameOnVault(incremental));
 }
 
-TEST_F(Replication, UtilityReplicatesWithoutADaemonAndShowsTheBackup) {
+TEST_P(Replication, UtilityReplicatesWithoutADaemonAndShowsTheBackup) {
     lab().startVault();
     const std::uint64_t backup = lab().ingest(data(5, 1));
     const std::string number = std::to_string(backup);
@@ -103,6 +108,34 @@ TEST_F(Replication, UtilityReplicatesWithoutADaemonAndShowsTheBackup) {
     const fs::path copy = lab().source().root() / "tmp/block";
     std::ofstream(copy, std::ios::binary) << block;
     EXPECT_EQ(lab::fileDigest(copy), tuple.substr(tuple.rfind('-') + 1));
+}
+
+TEST_P(Replication, BlocksArePutByHand) {
+    lab().startVault();
+    const std::string number = std::to_string(lab().ingest(data(6, 1)));
+    const auto util = [this](std::vector<std::string> arguments, int status = 0) {
+        std::string output;
+        arguments.insert(arguments.begin(), {lab().source().root() / "usr/dq/bin/ferryd", "util"});
+        EXPECT_EQ(lab().source().run(arguments, &output), status) << output;
+        return output;
+    };
+    lab().source().run({lab::programDirectory() / "fileDedup", "-H" + number});
+    std::string target = util({"start-backup", lab().vaultName(), number});
+    target.pop_back();
+    std::istringstream list(util({"lbe", number, "0"}));
+    std::vector<std::string> blocks;
+    for (std::string tuple; std::getline(list, tuple);)
+        blocks.insert(blocks.end(), {tuple, "0"});
+    const std::string none(blocks.size() / 2, '0');
+    std::vector<std::string> check = {"post-check-offset", lab().vaultName(), target};
+    check.insert(check.end(), blocks.begin(), blocks.end());
+    EXPECT_EQ(util(check), none + "\n");
+    std::vector<std::string> put = {"put-block", lab().vaultName(), target, "100000"};  // fewer than some blocks have
+    put.insert(put.end(), blocks.begin(), blocks.end());
+    util(put);
+    EXPECT_EQ(util(check), std::string(none.size(), '1') + "\n");
+    EXPECT_EQ(util({"put-block", lab().vaultName(), target, "100", "b-sha512-5-" + std::string(128, 'A'), "0"}, 1),
+              "ferryd util: a block can't be read\n");
 }
 
 }  // namespace
