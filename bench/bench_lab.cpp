@@ -104,6 +104,8 @@ BenchLab::BenchLab(unsigned blockSize) : place_(lab::temporaryDirectory("ferryd-
 
 BenchLab::~BenchLab() {
     pgCloseAll();
+    for (const auto& [name, value] : lab_->source().environment())
+        unsetenv(name.c_str());
     lab_.reset();
     std::error_code ignored;
     fs::remove_all(place_, ignored);

@@ -58,7 +58,7 @@ private:
 };
 
 // The parts; each returns the exit status.
-int measureSend(unsigned mebibytes, unsigned rounds);
+int measureSend(unsigned mebibytes, unsigned rounds, unsigned blockKib, int only);  // 0 and -1 for all
 int measureSecondBackup(unsigned mebibytes);
 int measureMemory(unsigned fewBlocks, unsigned manyBlocks);
 int measurePace(unsigned seconds);

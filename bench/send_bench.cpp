@@ -34,7 +34,15 @@ public:
             writeParts(connections);
     }
 
-    void run(unsigned rounds, unsigned blockSize) {
+    // `only`: a number of send threads to measure alone, for a profiler; negative for all.
+    void run(unsigned rounds, unsigned blockSize, int only) {
+        if (only >= 0) {
+            Figures figures;
+            for (unsigned round = 0; round < rounds; ++round)
+                sendOnce(only, &figures);
+            print(std::to_string(only) + " send threads", figures, nullptr);
+            return;
+        }
         printf("send: %u MiB of new blocks of %u KiB, loopback, a vault that hashes and discards; medians of %u\n",
                mebibytes_, blockSize / 1024, rounds);
         constexpr int THREADS[] = {SINGLE, 2, 4};
@@ -146,7 +154,7 @@ private:
             printf("  restic copy: restic or rclone isn't installed\n");
             return;
         }
-        const std::string directory = shellQuoted(lab_.place() / "restic");
+        const std::string directory = shellQuoted((lab_.place() / "restic").string());
         const std::string port = std::to_string(lab::freePort());
         const std::string remote = "rest:http://127.0.0.1:" + port + "/";
         const std::string environment = "export RESTIC_PASSWORD=bench RESTIC_FROM_PASSWORD=bench HOME=" + directory +
@@ -156,7 +164,7 @@ private:
                                  "/far >rclone.log 2>&1"},
                             {});
         const bool ready = runCommand(environment + "restic -q init -r near && restic -q backup -r near " +
-                                      shellQuoted(lab_.dataFile().parent_path()) +
+                                      shellQuoted(lab_.dataFile().parent_path().string()) +
                                       " && for i in $(seq 100); do restic -q init -r " + remote +
                                       " --from-repo near --copy-chunker-params 2>/dev/null && exit 0; sleep 0.1; done; "
                                       "exit 1") == 0;
@@ -183,9 +191,10 @@ private:
 
 }  // namespace
 
-int measureSend(unsigned mebibytes, unsigned rounds) {
+int measureSend(unsigned mebibytes, unsigned rounds, unsigned blockKib, int only) {
     for (const unsigned blockSize : {65536U, 1U << 20})
-        SendBench(mebibytes, blockSize).run(rounds, blockSize);
+        if (blockKib == 0 || blockKib == blockSize / 1024)
+            SendBench(mebibytes, blockSize).run(rounds, blockSize, only);
     return 0;
 }
 

@@ -17,14 +17,19 @@ namespace {
 
 constexpr std::uint32_t STORE_FLAGS = SISoffset_in | SISoffset_out;
 
+// The lateral queries with their limits make the server look each hash up by its index: left to choose, it joins the
+// whole tables as soon as their statistics are out of date, which on a catalogue that grows is always.
 constexpr char STATEMENT[] =
-    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset FROM dq.hash_values h LEFT JOIN "
-    "dq.backups_hash_values r ON (r.hash_id = h.hash_id) AND (r.backup_no = $2) AND (r.deduplicated IS NULL) AND "
-    "(r.hash_incomplete = FALSE) WHERE (h.hash_id = ANY($1::bigint[]))";
+    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset FROM unnest($1::bigint[]) AS wanted (id), LATERAL "
+    "(SELECT hash_id, hashed_length, sis_offset FROM dq.hash_values WHERE (hash_id = wanted.id) LIMIT 1) h LEFT JOIN "
+    "LATERAL (SELECT file_offset FROM dq.backups_hash_values WHERE (backup_no = $2) AND (hash_id = h.hash_id) AND "
+    "(deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1) r ON TRUE";
 constexpr char STATEMENT_WITH_LENGTH[] =
-    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset, h.compressed_length FROM dq.hash_values h LEFT "
-    "JOIN dq.backups_hash_values r ON (r.hash_id = h.hash_id) AND (r.backup_no = $2) AND (r.deduplicated IS NULL) AND "
-    "(r.hash_incomplete = FALSE) WHERE (h.hash_id = ANY($1::bigint[]))";
+    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset, h.compressed_length FROM unnest($1::bigint[]) AS "
+    "wanted (id), LATERAL (SELECT hash_id, hashed_length, sis_offset, compressed_length FROM dq.hash_values WHERE "
+    "(hash_id = wanted.id) LIMIT 1) h LEFT JOIN LATERAL (SELECT file_offset FROM dq.backups_hash_values WHERE "
+    "(backup_no = $2) AND (hash_id = h.hash_id) AND (deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1) r ON "
+    "TRUE";
 
 using Records = std::vector<hashValue*>;
 

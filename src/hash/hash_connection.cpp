@@ -150,7 +150,7 @@ std::vector<PgRowsPtr> HashConnection::runAll(const char* statements) {
 }
 
 PgRowsPtr HashConnection::runPrepared(const char* name, const char* statement,
-                                      std::initializer_list<std::string> parameters) {
+                                      std::initializer_list<std::string> parameters, RowFormat format) {
     std::vector<const char*> values;
     for (const std::string& parameter : parameters)
         values.push_back(parameter.c_str());
@@ -162,7 +162,7 @@ PgRowsPtr HashConnection::runPrepared(const char* name, const char* statement,
             prepared_.emplace_back(name);
         }
         return PgRowsPtr(PQexecPrepared(connection_.get(), name, static_cast<int>(values.size()), values.data(),
-                                        nullptr, nullptr, 0));
+                                        nullptr, nullptr, static_cast<int>(format)));
     });
 }
 

@@ -23,6 +23,8 @@ using PgRowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;
 
 [[nodiscard]] bool succeeded(const PGresult* result);
 
+enum class RowFormat : int { text = 0, binary = 1 };
+
 class HashConnection {
 public:
     // Connects, or connects anew if the connection went bad. Retries a second later up to dbconnectTries times.
@@ -38,10 +40,10 @@ public:
     // One statement with binary parameters ($1 on) and binary results.
     [[nodiscard]] PgRowsPtr runBinary(const char* statement, std::span<const std::span<const std::uint8_t>> parameters);
 
-    // One statement with texts for $1 on and text results. It is parsed and planned once a connection; `name` names
-    // it.
+    // One statement with texts for $1 on. It is parsed once a connection; `name` names it.
     [[nodiscard]] PgRowsPtr runPrepared(const char* name, const char* statement,
-                                        std::initializer_list<std::string> parameters);
+                                        std::initializer_list<std::string> parameters,
+                                        RowFormat format = RowFormat::text);
 
     [[nodiscard]] const char* error() const { return PQerrorMessage(connection_.get()); }
 

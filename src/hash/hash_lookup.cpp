@@ -1,7 +1,10 @@
 // Looking records up in dq.hash_values, many in one statement.
 //
-// The rows of a long UNION ALL come back in any order (the server may run its arms in parallel), so a row finds its
-// records by key: the records of a statement are sorted by the key, and equal keys share one arm and one row.
+// Digests are asked for by a UNION ALL with an arm each. IDs, which every block of a backup is looked up by, go as one
+// array to a prepared statement: parsing and planning arms took more of the server's time than finding the rows.
+//
+// Rows come back in any order (the server may run the arms in parallel), so a row finds its records by key: the records
+// of a statement are sorted by the key, and equal keys share one arm and one row.
 
 #include <algorithm>
 #include <cstring>
@@ -37,54 +40,71 @@ struct Lookup {
 
 // How many of the records, from the front, share one statement; equal keys count once.
 std::size_t batchSize(RecordRange records, Order order) {
+    const std::size_t limit = order == &byID ? IDS_PER_STATEMENT : ARMS_PER_STATEMENT;
     std::size_t arms = 0;
     for (std::size_t i = 0; i < records.size(); ++i) {
-        if ((i == 0 || order(records[i - 1], records[i])) && ++arms > ARMS_PER_STATEMENT)
+        if ((i == 0 || order(records[i - 1], records[i])) && ++arms > limit)
             return i;
     }
     return records.size();
 }
 
+PgRowsPtr selectByID(const Lookup& lookup, RecordRange records) {
+    std::string ids = "{";
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (i > 0 && !byID(records[i - 1], records[i]))
+            continue;
+        if (i > 0)
+            ids += ',';
+        ids += std::to_string(static_cast<std::int64_t>(records[i]->hashID));
+    }
+    return lookup.handle->connection.runPrepared(
+        "byID",
+        lookup.hasLength == 1 ? "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value, compressed_length "
+                                "FROM dq.hash_values WHERE (hash_id = ANY($1::bigint[]))"
+                              : "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value FROM dq.hash_values "
+                                "WHERE (hash_id = ANY($1::bigint[]))",
+        {ids += '}'}, RowFormat::binary);
+}
+
 int appendArm(const Lookup& lookup, const hashValue& record, const char* separator, std::size_t parameter) {
     const char* lengthColumn = lookup.hasLength == 1 ? ", compressed_length" : "";
-    QueryBuffer& query = lookup.handle->query;
-    if (lookup.order == &byID)
-        return query.append(
-            "%sSELECT hash_id, hashed_length, sis_offset, hash_type, hash_value%s FROM dq.hash_values WHERE (hash_id = "
-            "%lu)",
-            separator, lengthColumn, record.hashID);
     const HashColumnTypes* types = hashColumnTypes(&lookup.handle->connection, __func__);
     if (types == nullptr)
         return -1;
-    return query.append(
+    return lookup.handle->query.append(
         "%sSELECT hash_id, hashed_length, sis_offset, hash_type, hash_value%s FROM dq.hash_values WHERE (hash_type = "
         "'%s') AND (hashed_length = %lu) AND (hash_value = $%d::%s)",
         separator, lengthColumn, record.hashType, record.hashedLength, static_cast<int>(parameter), types->hashValue);
 }
 
-// Builds and runs the statement for one batch.
-PgRowsPtr select(const Lookup& lookup, RecordRange records) {
+PgRowsPtr selectByDigest(const Lookup& lookup, RecordRange records) {
     std::vector<std::span<const std::uint8_t>> parameters;
     if (lookup.handle->query.reserve(std::min(records.size(), ARMS_PER_STATEMENT) * BYTES_PER_ARM) == -1)
         return nullptr;
     const char* separator = "";
     for (std::size_t i = 0; i < records.size(); ++i) {
         const hashValue& record = *records[i];
-        if (i > 0 && !lookup.order(records[i - 1], records[i]))
+        if (i > 0 && !byDigest(records[i - 1], records[i]))
             continue;
-        if (lookup.order == &byDigest)
-            parameters.emplace_back(record.digest, static_cast<std::size_t>(hashLength(record)));
+        parameters.emplace_back(record.digest, static_cast<std::size_t>(hashLength(record)));
         if (appendArm(lookup, record, separator, parameters.size()) == -1) {
             log_message(0, i == 0 ? "Not enough buffer for a single query!\n" : "Miscalculated statement length!\n");
             return nullptr;
         }
         separator = NEXT_ARM;
     }
-    PgRowsPtr rows = lookup.handle->connection.runBinary(lookup.handle->query.text(), parameters);
+    return lookup.handle->connection.runBinary(lookup.handle->query.text(), parameters);
+}
+
+// Runs the statement for one batch.
+PgRowsPtr select(const Lookup& lookup, RecordRange records) {
+    PgRowsPtr rows = lookup.order == &byID ? selectByID(lookup, records) : selectByDigest(lookup, records);
     if (succeeded(rows.get()))
         return rows;
-    log_message(0, "SELECT hash_values failed for %ld records\n  %s", static_cast<long>(records.size()),
-                lookup.handle->connection.error());
+    if (rows)
+        log_message(0, "SELECT hash_values failed for %ld records\n  %s", static_cast<long>(records.size()),
+                    lookup.handle->connection.error());
     return nullptr;
 }
 

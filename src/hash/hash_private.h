@@ -20,6 +20,9 @@ inline constexpr std::size_t ARMS_PER_STATEMENT = 120;
 inline constexpr std::size_t BYTES_PER_ARM = 416;  // upper bound of the text of one arm
 inline constexpr char NEXT_ARM[] = "\nUNION ALL\n";
 
+// IDs of one statement: what the server is asked for at once stays in proportion to what a batch holds.
+inline constexpr std::size_t IDS_PER_STATEMENT = 16384;
+
 // Makes the handle on first use and connects.
 [[nodiscard]] int prepareHashValuesPrivatePSQL(HashValuesPtr* handle);
 
