@@ -104,6 +104,7 @@ BenchLab::BenchLab(unsigned blockSize) : place_(lab::temporaryDirectory("ferryd-
 
 BenchLab::~BenchLab() {
     pgCloseAll();
+    fs::current_path("/");  // a worker's place is inside the lab
     for (const auto& [name, value] : lab_->source().environment())
         unsetenv(name.c_str());
     lab_.reset();

@@ -66,6 +66,8 @@ public:
     // With `discard` bodies are hashed and forgotten: for measuring what comes before the store.
     BlockStore(const std::filesystem::path& directory, bool discard);
 
+    [[nodiscard]] bool discards() const { return discard_; }
+
     [[nodiscard]] bool holds(const BlockKey& key) const;
 
     // Adds references; those whose block the store lacks are left out. Returns one flag per entry: held or not.
