@@ -31,9 +31,9 @@ void send(BenchLab* lab, std::uint64_t backup, const std::string& target, int ba
 }
 
 // Overwrites every hundredth block of the data.
-void changeOnePercent(const std::filesystem::path& file) {
+void changeOnePercent(const std::filesystem::path& file, unsigned seed) {
     std::fstream data(file, std::ios::binary | std::ios::in | std::ios::out);
-    std::mt19937_64 random(99);
+    std::mt19937_64 random(seed);
     const std::uint64_t blocks = std::filesystem::file_size(file) / BLOCK;
     for (std::uint64_t block = 50; block < blocks; block += 100) {
         const std::uint64_t value = random();
@@ -67,7 +67,7 @@ int measureSecondBackup(unsigned mebibytes) {
         throw std::runtime_error("the first backup didn't arrive");
     printf("second: %u MiB in blocks of 64 KiB, 1%% of them changed, 20 ms of added round trip\n", mebibytes);
     for (const bool eliminate : {false, true}) {
-        changeOnePercent(lab.dataFile());
+        changeOnePercent(lab.dataFile(), eliminate ? 101 : 100);
         const std::uint64_t backup = lab.newBackup();
         g_settings.localBlockElimination = eliminate;
         lab.lab().source().sql("UPDATE backups SET sync_status = 2 WHERE backup_no = " + std::to_string(first));
@@ -83,7 +83,8 @@ int measureSecondBackup(unsigned mebibytes) {
 int measurePace(unsigned seconds) {
     constexpr std::uint64_t LIMIT = 4 << 20;
     BenchLab lab(1 << 20);
-    const auto mebibytes = static_cast<unsigned>((seconds + 4) * LIMIT / (1 << 20));
+    // Spare for the first second of each thread, which has no limit.
+    const auto mebibytes = static_cast<unsigned>((seconds + 10) * LIMIT / (1 << 20));
     lab.lab().startVault({"--discard"});
     if (createBandwidthTable() == -1 || parseBlockOutPeriods(("=" + std::to_string(LIMIT)).c_str()) == -1)
         throw std::runtime_error("no bandwidth table");
