@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <new>
 
 #include "foundation/logger.h"
 #include "hash/hash_generation.h"
@@ -127,14 +126,8 @@ int announceHashedContents(HashedContentsPtr* handle, std::span<hashValue* const
     if (records.empty())
         return 0;
     const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed())
+    if (caught.failed() || !generationIsServed() || openHandle(handle) == -1)
         return -1;
-    if (!*handle)
-        handle->reset(new (std::nothrow) hashedContents);
-    if (!*handle) {
-        log_message(0, "malloc(%zd) failed\n", static_cast<ssize_t>(sizeof(hashedContents)));
-        return -1;
-    }
     const int result = announce(handle->get(), records);
     if ((*handle)->announced.places.empty() && (*handle)->backupLocked)
         unlockBackup(handle->get());

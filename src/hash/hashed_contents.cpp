@@ -193,6 +193,15 @@ void unlockBackup(hashedContents* handle) {
     handle->backupLocked = false;
 }
 
+int openHandle(HashedContentsPtr* handle) {
+    if (!*handle)
+        handle->reset(new (std::nothrow) hashedContents);
+    if (*handle)
+        return 0;
+    log_message(0, "malloc(%zd) failed\n", static_cast<ssize_t>(sizeof(hashedContents)));
+    return -1;
+}
+
 std::int64_t readHashedContents(HashedContentsPtr* handle, hashValue* record, std::span<std::byte> buffer,
                                 std::int64_t offset, int refresh) {
     if (handle == nullptr || record == nullptr || buffer.data() == nullptr || offset < 0)
@@ -200,14 +209,8 @@ std::int64_t readHashedContents(HashedContentsPtr* handle, hashValue* record, st
     if (buffer.empty())
         return 0;
     const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed())
+    if (caught.failed() || !generationIsServed() || openHandle(handle) == -1)
         return -1;
-    if (!*handle)
-        handle->reset(new (std::nothrow) hashedContents);
-    if (!*handle) {
-        log_message(0, "malloc(%zd) failed\n", static_cast<ssize_t>(sizeof(hashedContents)));
-        return -1;
-    }
     return readContents(handle->get(), record, buffer, offset, refresh != 0);
 }
 

@@ -44,6 +44,9 @@ struct hashedContents {
     std::uint64_t maxSubfileBytes = 0;  // asked of the platform once a handle, 0 not yet
 };
 
+// Makes the handle if there is none yet. 0 or -1.
+[[nodiscard]] int openHandle(HashedContentsPtr* handle);
+
 // Opens a backup's file by its number, on whichever disk it lies. Null if there is none.
 [[nodiscard]] ArchiveFilterPtr openBackupFile(HashConnection* connection, std::uint64_t backupNumber,
                                               std::string* path);
