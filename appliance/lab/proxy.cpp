@@ -76,6 +76,15 @@ Proxy::~Proxy() {
     }
 }
 
+double Proxy::measureRate(std::chrono::seconds time) const {
+    using std::chrono::system_clock;
+    const auto start = std::chrono::ceil<std::chrono::seconds>(system_clock::now()) + std::chrono::milliseconds(500);
+    std::this_thread::sleep_until(start);
+    const std::uint64_t before = bytesSent_;
+    std::this_thread::sleep_until(start + time);
+    return static_cast<double>(bytesSent_ - before) / static_cast<double>(time.count());
+}
+
 void Proxy::acceptAll() {
     while (!ending_) {
         FileDescriptor client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));

@@ -26,6 +26,10 @@ public:
     [[nodiscard]] std::uint64_t connections() const { return connections_; }
     [[nodiscard]] std::uint64_t bytesSent() const { return bytesSent_; }  // by clients
 
+    // Bytes a second that clients send over the coming `time`. Starts in the middle of a second: who keeps to a limit
+    // sends his share at a second's start, and a window that began just there would hold one more or one less.
+    [[nodiscard]] double measureRate(std::chrono::seconds time) const;
+
 private:
     struct Line {
         FileDescriptor client;
