@@ -17,7 +17,13 @@ inline constexpr std::string_view PLATFORM_CAPABILITIES = "/var/opt/kestrelix/pl
 inline constexpr std::string_view FALLBACK_LOG_DIR = "/tmp";
 inline constexpr std::string_view FALLBACK_LOG = "/tmp/program.log";
 inline constexpr std::string_view REPLICATION_RESULT_CSV = "/tmp/replicationResult.csv";
+inline constexpr std::string_view CRYPTO_DAEMON_STATE = "/var/run/cryptoDaemonState";
+inline constexpr std::string_view CIPHER_CARD = "/dev/rx9";
+inline constexpr std::string_view DQUTIL = "/usr/dq/bin/dqutil";
+inline constexpr std::string_view INSTALLED_MASTER_INI = "/usr/dq/dqinit/master.ini";
 inline constexpr std::string_view HASH_LOCK_FILE = "/dev/shm/.hashLockFile";
+inline constexpr std::string_view SIS_INFO = "/backups/SISinfo";
+inline constexpr std::string_view SIS_LOCK_FILE = "/dev/shm/.SISlockFile";
 }  // namespace paths
 
 // The path with the root in front. Thread-safe.

@@ -38,7 +38,7 @@ public:
     [[nodiscard]] const char* text() const { return text_; }
 
 private:
-    char text_[N] = "";
+    char text_[N] = {};
 };
 
 // Selects (and opens) the connection to a service; null means the last one, at first "localhost". 0 or -1.

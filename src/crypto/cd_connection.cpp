@@ -1,0 +1,196 @@
+// The road to the service: its state file, the connection, and transfers that end.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdarg>
+#include <cstring>
+#include <mutex>
+
+#include "crypto/libCryptoDaemon_internal.h"
+#include "foundation/paths.h"
+#include "foundation/services.h"
+#include "foundation/text.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr timeval TRANSFER_LIMIT{60, 0};               // for each wait of a transfer
+constexpr std::chrono::milliseconds REST_LIMIT{1000};  // for what follows a good result
+
+// What the service says of itself, as of one version of its file. In network order, as it is used.
+struct State {
+    std::uint16_t port = 0;
+    Ticket ticket{};
+    timespec modified{};
+};
+
+std::mutex g_stateLock;
+State g_known;  // under g_stateLock
+
+bool isOlder(const timespec& a, const timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+int notRunning(CDlibResult* result) {
+    return setResult(result, -1, "CryptoDaemon's not running or we're unprivileged");
+}
+
+int readState(const std::string& path, State* state, CDlibResult* result) {
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen())
+        return notRunning(result);
+    struct stat st;
+    std::byte record[wire::STATE_SIZE];
+    const int size = static_cast<int>(sizeof record);
+    // The size is the descriptor's: behind the name there may be a newer file by now.
+    const int got = fstat(file.get(), &st) == -1 ? -1 : safe_read(file.get(), record, size);
+    if (got == -1)
+        return setResult(result, -1, "Can't read CryptoDaemon's state: %s", strerror(errno));
+    const int found = got < size ? got : static_cast<int>(std::min<off_t>(st.st_size, INT_MAX));
+    if (found != size)
+        return setResult(result, -1, "state size %d != %d", found, size);
+    state->modified = st.st_mtim;
+    state->port = wire::get<std::uint16_t>(record, wire::STATE_PORT);
+    std::memcpy(state->ticket.data(), record + wire::STATE_TICKET, state->ticket.size());
+    return 0;
+}
+
+// The state as of now. A file that is gone means that the service is gone, whatever was read before.
+int currentState(std::uint16_t* port, Ticket* ticket, CDlibResult* result) {
+    const std::string path = systemPath(paths::CRYPTO_DAEMON_STATE);
+    struct stat st;
+    if (stat(path.c_str(), &st) == -1)
+        return notRunning(result);
+    const std::lock_guard lock(g_stateLock);
+    if (g_known.port == 0 || !isOlder(st.st_mtim, g_known.modified)) {
+        State fresh;
+        if (const int rc = readState(path, &fresh, result); rc != 0)
+            return rc;
+        g_known = fresh;
+    }
+    *port = g_known.port;
+    *ticket = g_known.ticket;
+    return 0;
+}
+
+// Whether a transfer that failed with errno just ran out of time, which is a short transfer and no error.
+bool ranOutOfTime() {
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+}  // namespace
+
+int setResult(CDlibResult* result, int status, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = vformatString(format, arguments);
+    va_end(arguments);
+    *result = {};
+    result->status = status;
+    std::memcpy(result->text, text.data(), std::min(text.size(), sizeof result->text - 1));
+    return status;
+}
+
+int resultCode(const CDlibResult& result) {
+    if (result.status == 0)
+        return 0;
+    return result.status < 0 && result.status >= INT_MIN ? static_cast<int>(result.status) : -1;
+}
+
+int CDlibConnect(FileDescriptor* socket, Ticket* ticket, CDlibResult* result) {
+    sockaddr_in address{};
+    if (const int rc = currentState(&address.sin_port, ticket, result); rc != 0)
+        return rc;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    FileDescriptor made(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    // The limit also ends a connect that nobody answers; without delay a chunk's tail isn't held back.
+    if (!made.isOpen() ||
+        setsockopt(made.get(), SOL_SOCKET, SO_RCVTIMEO, &TRANSFER_LIMIT, sizeof TRANSFER_LIMIT) == -1 ||
+        setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &TRANSFER_LIMIT, sizeof TRANSFER_LIMIT) == -1 ||
+        setsockopt(made.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == -1)
+        return setResult(result, -1, "Can't create socket to CryptoDaemon: %s", strerror(errno));
+    if (connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+        return setResult(result, -1, "Can't connect to CryptoDaemon: %s", strerror(errno));
+    *socket = std::move(made);
+    return setResult(result, 0, "connection opened");
+}
+
+ssize_t sendAll(int socket, std::span<const std::byte> head, std::span<const std::byte> data) {
+    std::size_t done = 0;
+    while (done < head.size() + data.size()) {
+        const std::size_t headDone = std::min(done, head.size());
+        const std::span<const std::byte> headRest = head.subspan(headDone);
+        const std::span<const std::byte> dataRest = data.subspan(done - headDone);
+        iovec parts[] = {{const_cast<std::byte*>(headRest.data()), headRest.size()},
+                         {const_cast<std::byte*>(dataRest.data()), dataRest.size()}};
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = 2;
+        const ssize_t n = sendmsg(socket, &message, MSG_NOSIGNAL);
+        if (n == -1 && errno == EINTR)
+            continue;
+        if (n == -1 && !ranOutOfTime())
+            return -1;
+        if (n <= 0)
+            break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+ssize_t receiveAll(int socket, std::span<std::byte> data) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = recv(socket, data.data() + done, data.size() - done, 0);
+        if (n == -1 && errno == EINTR)
+            continue;
+        if (n == -1 && !ranOutOfTime())
+            return -1;
+        if (n <= 0)
+            break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+ssize_t receiveRecord(int socket, std::span<std::byte> record) {
+    std::size_t done = 0;
+    Clock::time_point restDeadline{};  // set when the result is there
+    while (done < record.size()) {
+        if (done >= wire::RESULT_SIZE) {
+            if (wire::get<std::int64_t>(record.data(), wire::RESULT_STATUS) != 0)
+                break;
+            if (restDeadline == Clock::time_point{})
+                restDeadline = Clock::now() + REST_LIMIT;
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(restDeadline - Clock::now()).count();
+            pollfd entry{socket, POLLIN, 0};
+            const int ready = left <= 0 ? 0 : poll(&entry, 1, static_cast<int>(left));
+            if (ready == -1 && errno == EINTR)
+                continue;
+            if (ready <= 0)
+                break;
+        }
+        const ssize_t n = recv(socket, record.data() + done, record.size() - done, 0);
+        if (n == -1 && errno == EINTR)
+            continue;
+        // Once the result is there it is told, whatever becomes of the rest.
+        if (n == -1 && !ranOutOfTime() && done < wire::RESULT_SIZE)
+            return -1;
+        if (n <= 0)
+            break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}

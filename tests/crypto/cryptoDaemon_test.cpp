@@ -1,0 +1,292 @@
+// The cipher and the whole road, with the real key service and the openssl command as the judge.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <thread>
+
+#include "crypto/crypto.h"
+#include "crypto/crypto_fixture.h"
+#include "foundation/paths.h"
+#include "foundation/run_command.h"
+#include "support/key_service.h"
+
+namespace testsupport {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string hex(const std::byte* bytes, std::size_t count) {
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        char pair[3];
+        (void)snprintf(pair, sizeof pair, "%02x", std::to_integer<unsigned>(bytes[i]));
+        text += pair;
+    }
+    return text;
+}
+
+class Service : public CryptoTest {
+protected:
+    void open(bool inService) {
+        cipherInService(inService);
+        ASSERT_EQ(CDlibInitCryptWithArchiveKey(&context, &result), 0) << textOf(result);
+        ASSERT_EQ(context.session->doOurOwnCryption, !inService);
+    }
+    int openWith(const std::string& token) {
+        return CDlibInitCryptWithToken(token.data(), token.size(), &context, &result);
+    }
+    std::string token() {
+        std::string bytes(4096, '\0');
+        int length = 4096;
+        EXPECT_EQ(CDlibGetToken(bytes.data(), &length, &context, &result), 0) << textOf(result);
+        return bytes.substr(0, static_cast<std::size_t>(length));
+    }
+    std::string openssl(const char* direction, const std::string& in) {
+        writeFile(root / "in", in);
+        const std::string command = std::string("openssl enc -aes-256-ecb -nopad ") + direction + " -K " +
+                                    hex(context.session->key.data(), 32) + " -in " + (root / "in").string() + " -out " +
+                                    (root / "out").string();
+        EXPECT_EQ(runCommand(command), 0);
+        return readFile(root / "out");
+    }
+    // A connection of our own, to say what the client's library wouldn't.
+    FileDescriptor connectRaw(std::string* realTicket) {
+        FileDescriptor socket;
+        Ticket ticketBytes;
+        EXPECT_EQ(CDlibConnect(&socket, &ticketBytes, &result), 0);
+        realTicket->assign(reinterpret_cast<const char*>(ticketBytes.data()), ticketBytes.size());
+        return socket;
+    }
+    // Descriptors and threads that the service has.
+    [[nodiscard]] std::size_t holdings() const {
+        std::size_t count = 0;
+        for (const char* kind : {"fd", "task"})
+            for ([[maybe_unused]] const auto& entry :
+                 fs::directory_iterator("/proc/" + std::to_string(service.pid()) + "/" + kind))
+                ++count;
+        return count;
+    }
+    void expectAlive() {
+        unsigned mask = 0;
+        EXPECT_EQ(CDgetStatusBitmask(&mask, &result), 0) << textOf(result);
+        EXPECT_EQ(mask & CDLIB_STATUS_READY, CDLIB_STATUS_READY);
+    }
+
+    lab::Process service = startKeyService(root);
+};
+
+TEST_F(Service, BothPlacesAndOpensslAgreeAndATokenOpensWhatWasWritten) {
+    const std::string plain = noise(200000, 4).substr(0, 199968);
+    open(false);
+    const std::string sealed = crypt(CDLIB_ENCRYPT, plain);
+    EXPECT_TRUE(openssl("-e", plain) == sealed);
+    EXPECT_TRUE(openssl("-d", sealed) == plain);
+    EXPECT_TRUE(crypt(CDLIB_ENCRYPT, plain.substr(0, 64)) == sealed.substr(0, 64)) << "a session goes on";
+    EXPECT_TRUE(crypt(CDLIB_DECRYPT, sealed.substr(3200, 96)) == plain.substr(3200, 96)) << "from any unit";
+    const std::string kept = token();
+    ASSERT_EQ(kept.size(), 1536u);
+    // Another file has another key.
+    open(true);
+    EXPECT_FALSE(crypt(CDLIB_ENCRYPT, plain.substr(0, 64)) == sealed.substr(0, 64));
+    // The token is good behind a restart, and in both places.
+    service.stop(SIGTERM);
+    EXPECT_FALSE(fs::exists(statePath()));
+    service = startKeyService(root);
+    for (const bool inService : {true, false}) {
+        cipherInService(inService);
+        ASSERT_EQ(openWith(kept), 0) << textOf(result);
+        EXPECT_TRUE(crypt(CDLIB_DECRYPT, sealed) == plain);
+        EXPECT_TRUE(crypt(CDLIB_ENCRYPT, plain) == sealed);
+    }
+    // It is an entry of a tar file, with content of 1024 bytes.
+    writeFile(root / "token.tar", kept + std::string(1024, '\0'));
+    const std::string list = root / "list";
+    EXPECT_EQ(runCommand("LC_ALL=C tar -tvf " + (root / "token.tar").string() + " >" + list + " 2>/dev/null"), 0);
+    EXPECT_TRUE(readFile(list).find(" 1024 ") != std::string::npos &&
+                readFile(list).find(" Kestrelix encrypted TAR v1") != std::string::npos)
+        << readFile(list);
+    EXPECT_EQ(kept[156], 'E');
+}
+
+TEST_F(Service, RefusesATokenThatIsNotItsOwnToTheByte) {
+    open(true);
+    const std::string good = token();
+    for (const std::size_t at : {0, 130, 156, 511, 512, 520, 540, 548, 579, 580, 595, 596, 1535}) {
+        std::string bad = good;
+        bad[at] = static_cast<char>(bad[at] ^ 1);
+        EXPECT_EQ(openWith(bad), -1) << at;
+        EXPECT_FALSE(textOf(result).empty());
+    }
+    EXPECT_EQ(openWith(good.substr(0, 1504)), -1);
+    EXPECT_EQ(textOf(result), "bad token length");
+    EXPECT_EQ(openWith(good), 0);
+    // Another appliance.
+    const std::string first = root.path();
+    const TestRoot other;
+    lab::Process otherService = startKeyService(other);
+    EXPECT_EQ(openWith(good), -1);
+    EXPECT_EQ(textOf(result), "the token was made with another archive key");
+    overrideSystemRoot(first);
+}
+
+TEST_F(Service, KeepsItsFilesPrivateAndItsKeyWhole) {
+    const fs::path key = root / "var/opt/kestrelix/cryptoDaemon.key";
+    for (const fs::path& file : {key, statePath()})
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write) << file;
+    EXPECT_THROW((void)startKeyService(root), std::runtime_error) << "one service a root";
+    service.stop(SIGTERM);
+    fs::permissions(key, static_cast<fs::perms>(0640));
+    EXPECT_THROW((void)startKeyService(root), std::runtime_error);
+    fs::permissions(key, static_cast<fs::perms>(0600));
+    writeFile(key, noise(31, 1));
+    EXPECT_THROW((void)startKeyService(root), std::runtime_error);
+    EXPECT_EQ(readFile(key), noise(31, 1)) << "a damaged key is not replaced";
+}
+
+TEST_F(Service, AnswersRequestsInPiecesAndRefusesBadOnes) {
+    std::string t;
+    (void)connectRaw(&t);
+    const std::string opening = requestHead(6) + t;
+    const std::string value = requestHead(3) + t + raw(std::uint64_t{5});
+    const std::string chunk = chunkRecord(requestHead(4), 1, 32) + noise(32, 1);
+    const struct {
+        const char* what;
+        std::string request;
+        std::size_t before;  // bytes of good replies
+        const char* text;
+    } cases[] = {
+        {"bad ticket", requestHead(6) + noise(512, 1), 0, "bad ticket"},
+        {"no ticket for the status", requestHead(10) + noise(512, 1), 0, "bad ticket"},
+        {"no session for a chunk", chunk, 0, "there is no session"},
+        {"no session for a key", requestHead(9), 0, "there is no session"},
+        {"no session for a token", requestHead(7), 0, "there is no session"},
+        {"second session", opening + opening, 80, "the session is open already"},
+        {"oversized chunk", opening + chunkRecord(requestHead(4), 1, 65568) + noise(200000, 1), 80, "bad chunk length"},
+        {"chunk of no unit", opening + chunkRecord(requestHead(4), 1, 48), 80, "bad chunk length"},
+        {"empty chunk", opening + chunkRecord(requestHead(5), 1, 0), 80, "bad chunk length"},
+        {"chunk sent again", value + chunk + chunk, 80 + 128, "out of sequence"},
+        {"oversized token", requestHead(8) + t + raw(UINT32_MAX), 0, "bad token length"},
+        {"noise", noise(100000, 3), 0, "this is no request"},
+        {"setting a key", requestHead(1) + t + noise(32, 1), 0, "this service has no administration"},
+        {"unknown", requestHead(13), 0, "unknown operation"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const FileDescriptor socket = connectRaw(&t);
+        // In small pieces at first, then at once.
+        const std::span<const std::byte> bytes = std::as_bytes(std::span(c.request));
+        const std::size_t slow = std::min<std::size_t>(bytes.size(), 20);
+        for (std::size_t i = 0; i < slow; ++i)
+            ASSERT_EQ(sendAll(socket.get(), bytes.subspan(i, 1)), 1);
+        (void)sendAll(socket.get(), bytes.subspan(slow));  // may be cut short by the refusal
+        std::string reply(c.before + 81, '\0');
+        const ssize_t got = receiveAll(socket.get(), std::as_writable_bytes(std::span(reply)));
+        ASSERT_EQ(got, static_cast<ssize_t>(c.before + 80)) << "the refusal is the last";
+        reply.pop_back();
+        EXPECT_EQ(reply.substr(c.before), resultRecord(-1, c.text));
+    }
+    // The same value gives the same key, another one another.
+    std::string replies[3];
+    const std::string other = requestHead(3) + t + raw(std::uint64_t{6});
+    const std::string* const openings[] = {&value, &value, &other};
+    for (int i = 0; i < 3; ++i) {
+        const FileDescriptor socket = connectRaw(&t);
+        const std::string whole = *openings[i] + chunk;
+        ASSERT_GT(sendAll(socket.get(), std::as_bytes(std::span(whole))), 0);
+        replies[i].resize(80 + 128);
+        EXPECT_EQ(receiveAll(socket.get(), std::as_writable_bytes(std::span(replies[i]))), 208);
+    }
+    EXPECT_TRUE(replies[0] == replies[1] && replies[0] != replies[2]);
+    expectAlive();
+}
+
+TEST_F(Service, OutlivesClientsThatDieInTheMiddle) {
+    expectAlive();
+    const std::size_t before = holdings();
+    cipherInService(true);
+    for (int i = 0; i < 10; ++i) {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            const std::string data = noise(1 << 20, 1);
+            if (CDlibInitCryptWithArchiveKey(&context, &result) != 0)
+                _exit(1);
+            for (;;) {
+                (void)crypt(CDLIB_ENCRYPT, data);
+                if (write(ready[1], "x", 1) != 1)
+                    _exit(1);
+            }
+        }
+        char byte = 0;
+        close(ready[1]);
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        kill(child, SIGKILL);
+        EXPECT_EQ(waitpid(child, nullptr, 0), child);
+        close(ready[0]);
+        std::string t;  // and one that goes behind half a request
+        const FileDescriptor half = connectRaw(&t);
+        EXPECT_EQ(sendAll(half.get(), std::as_bytes(std::span(t))), 512);
+    }
+    expectAlive();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (holdings() > before && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_LE(holdings(), before);
+}
+
+TEST_F(Service, ThatDiesInTheMiddleIsAFailureAndNoHang) {
+    open(true);
+    service.signal(SIGSTOP);
+    auto failing = std::async(std::launch::async, [this] {
+        std::string data = noise(1 << 20, 1);
+        context.nextDataInPtr = reinterpret_cast<std::byte*>(data.data());
+        context.nextDataOutPtr = reinterpret_cast<std::byte*>(data.data());
+        context.dataInBytes = context.dataOutBytes = data.size();
+        return CDlibCrypt(CDLIB_ENCRYPT, &context, &result);
+    });
+    EXPECT_EQ(failing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    service.stop(SIGKILL);
+    EXPECT_EQ(failing.get(), -1);
+    EXPECT_TRUE(textOf(result) == "short read" || textOf(result) == "short write") << textOf(result);
+    EXPECT_EQ(CDlibInitCryptWithArchiveKey(&context, &result), -1) << "its state file is still there";
+    EXPECT_EQ(textOf(result), "Can't connect to CryptoDaemon: Connection refused");
+}
+
+TEST_F(CryptoTest, ChunksAreCutToWholeUnitsAndKeysAreChecked) {
+    // AES-256-ECB of NIST SP 800-38A, F.1.5: two blocks make a unit.
+    const unsigned char key[] =
+        "\x60\x3d\xeb\x10\x15\xca\x71\xbe\x2b\x73\xae\xf0\x85\x7d\x77\x81"
+        "\x1f\x35\x2c\x07\x3b\x61\x08\xd7\x2d\x98\x10\xa3\x09\x14\xdf\xf4";
+    std::string data =
+        "\x6b\xc1\xbe\xe2\x2e\x40\x9f\x96\xe9\x3d\x7e\x11\x73\x93\x17\x2a"
+        "\xae\x2d\x8a\x57\x1e\x03\xac\x9c\x9e\xb7\x6f\xac\x45\xaf\x8e\x51 and more";
+    const std::string plain = data;
+    std::size_t in = data.size();
+    std::size_t out = 1000;
+    ASSERT_EQ(softwareEncryptChunk(data.data(), &out, data.data(), &in, key, 32), 0);
+    EXPECT_EQ(in, 32u);
+    EXPECT_EQ(out, 32u);
+    EXPECT_EQ(hex(reinterpret_cast<std::byte*>(data.data()), 32),
+              "f3eed1bdb5d2a03c064b5a7e3db181f8591ccb10d410ed26dc5ba74a31362870");
+    EXPECT_EQ(data.substr(32), " and more");
+    out = 31;
+    EXPECT_EQ(softwareDecryptChunk(data.data(), &out, data.data(), &in, key, 32), 0);
+    EXPECT_EQ(in + out, 0u);
+    in = out = 32;
+    EXPECT_EQ(softwareDecryptChunk(data.data(), &out, data.data(), &in, key, 40), 0) << "the first 32 bytes count";
+    EXPECT_EQ(data, plain);
+    EXPECT_EQ(softwareDecryptChunk(data.data(), &out, data.data(), &in, key, 31), -1);
+    EXPECT_EQ(softwareEncryptChunk(data.data(), &out, data.data(), &in, key, -1), -1);
+    EXPECT_TRUE(root.logged("softwareDecryptChunk: bad key length 31\n"));
+    EXPECT_TRUE(root.logged("softwareEncryptChunk: bad key length -1\n"));
+    EXPECT_EQ(data, plain);
+}
+
+}  // namespace
+}  // namespace testsupport

@@ -1,0 +1,96 @@
+// crypto_fixture.h - a root with a state file, a service of scripts, and records as text.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "crypto/libCryptoDaemon_internal.h"
+#include "support/root.h"
+#include "support/scripted_server.h"
+
+namespace testsupport {
+
+template <typename T>
+std::string raw(T value) {
+    return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
+// A result record, and a request's head.
+inline std::string resultRecord(std::int64_t status, std::string text = "") {
+    text.resize(64);
+    return std::string(8, '\0') + raw(status) + text;
+}
+inline std::string requestHead(std::uint64_t operation) {
+    return std::string(8, '\0') + raw(operation);
+}
+inline std::string chunkRecord(const std::string& head, std::uint32_t sequence, std::uint32_t length) {
+    std::string record = head;
+    record.resize(80);
+    return record + raw(sequence) + std::string(8, '\0') + raw(length);
+}
+inline std::string wordRecord(std::uint32_t word) {
+    return resultRecord(0) + raw(word) + std::string(4, '\0');
+}
+
+inline std::string take(Peer& peer, std::size_t count) {
+    std::string bytes;
+    for (std::string some; bytes.size() < count && !(some = peer.readSome(count - bytes.size())).empty();)
+        bytes += some;
+    return bytes;
+}
+
+inline std::string textOf(const CDlibResult& result) {
+    return {result.text, strnlen(result.text, sizeof result.text)};
+}
+
+// Bytes with no pattern, the same for the same seed.
+inline std::string noise(std::size_t size, unsigned seed) {
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>((seed = seed * 1103515245 + 12345) >> 16);
+    return bytes;
+}
+
+class CryptoTest : public ::testing::Test {
+protected:
+    CryptoTest() {
+        forgetCipherPlace();
+        writeFile(root / "var/opt/kestrelix/platform_capabilities", "replication\n encryption \n");
+    }
+
+    static std::string ticket() { return noise(512, 77); }
+    void writeState(std::uint16_t port, std::size_t size = 536) const {
+        std::string state = std::string(4, '\0') + ticket() + std::string(4, '\0') + raw(htons(port));
+        state.resize(size);
+        writeFile(statePath(), state);
+    }
+    [[nodiscard]] std::filesystem::path statePath() const { return root / "var/run/cryptoDaemonState"; }
+    static std::uint16_t portOf(const ScriptedServer& server) {
+        return static_cast<std::uint16_t>(std::stoi(server.name().substr(server.name().find(':') + 1)));
+    }
+    void cipherInService(bool inService) {
+        root.masterIni(std::string("[Configuration Options]\n  inlineCryption=") + (inService ? "false" : "true") +
+                       "\n");
+    }
+
+    // Ciphers all of `in`; what came out.
+    std::string crypt(int op, const std::string& in) {
+        std::string out(in.size(), '\0');
+        context.nextDataInPtr = reinterpret_cast<const std::byte*>(in.data());
+        context.dataInBytes = in.size();
+        context.nextDataOutPtr = reinterpret_cast<std::byte*>(out.data());
+        context.dataOutBytes = out.size();
+        EXPECT_EQ(CDlibCrypt(op, &context, &result), 0) << textOf(result);
+        out.resize(out.size() - context.dataOutBytes);
+        return out;
+    }
+
+    TestRoot root;
+    CryptContext context;
+    CDlibResult result{};
+};
+
+}  // namespace testsupport

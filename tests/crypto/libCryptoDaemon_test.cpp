@@ -1,0 +1,400 @@
+// The client's side of each exchange, against a service that says what a test wants.
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <vector>
+
+#include "crypto/crypto_fixture.h"
+#include "foundation/directories.h"
+
+namespace testsupport {
+namespace {
+
+class Client : public CryptoTest {
+protected:
+    Client() { writeState(portOf(server)); }
+
+    // A service that opens a session, hands out a key of 32 bytes, then plays `rest`.
+    void serveSession(const ScriptedServer::Script& rest) {
+        server.next([rest](Peer& peer) {
+            (void)take(peer, 528);
+            peer.send(resultRecord(0, "open"));
+            (void)take(peer, 16);
+            peer.send(wordRecord(32) + noise(32, 1));
+            rest(peer);
+        });
+    }
+    int open() { return CDlibInitCryptWithArchiveKey(&context, &result); }
+    // What scripts use must outlive them.
+    void waitForScripts() { (void)server.requests(); }
+
+    ScriptedServer server;
+};
+
+TEST_F(Client, OpensASessionOrSaysWhyNot) {
+    const std::string good = resultRecord(0);
+    const struct {
+        const char* what;
+        std::string opening;
+        std::string key;
+        int code;
+        const char* text;
+    } cases[] = {
+        {"no word", "", "", -1, "short read"},
+        {"a byte too few", good.substr(0, 79), "", -1, "short read"},
+        {"refused", resultRecord(-7, "no"), "", -7, "no"},
+        {"no negative status", resultRecord(5, "what?"), "", -1, "what?"},
+        {"a status of 64 bits", resultRecord(INT64_MIN, "far"), "", -1, "far"},
+        {"no key", good, "", -1, "short read"},
+        {"key refused", good, resultRecord(-9, "later"), -9, "later"},
+        {"no key length", good, good + "12345", -1, "short response"},
+        {"key cut off", good, wordRecord(512) + noise(511, 1), -1, "can't get archive key"},
+        {"longest key", good, wordRecord(512) + noise(512, 1), 0, ""},
+        {"key too long", good, wordRecord(513) + noise(513, 1), -1, "key too long"},
+        {"key absurdly long", good, wordRecord(UINT32_MAX), -1, "key too long"},
+        {"usual key", good, wordRecord(32) + noise(32, 1), 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string request;
+        server.next([&](Peer& peer) {
+            request = take(peer, 528);
+            peer.send(c.opening);
+            if (c.opening == good)
+                request += take(peer, 16);
+            peer.send(c.key);
+        });
+        EXPECT_EQ(open(), c.code);
+        EXPECT_EQ(textOf(result), c.text);
+        EXPECT_EQ(context.session == nullptr, c.code != 0);
+        waitForScripts();
+        EXPECT_EQ(request, requestHead(6) + ticket() + (c.opening == good ? requestHead(9) : ""));
+    }
+    EXPECT_EQ(context.blockSize, 32u);
+    EXPECT_EQ(context.session->keyLength, 32);
+    EXPECT_EQ(std::memcmp(context.session->key.data() + 32, std::string(480, '\0').data(), 480), 0);
+    CDlibClose(&context);
+    EXPECT_TRUE(context.session == nullptr && context.blockSize == 0);
+}
+
+TEST_F(Client, AsksForTheStatus) {
+    const struct {
+        const char* what;
+        std::string reply;
+        int code;
+        const char* text;
+        unsigned mask;
+    } cases[] = {
+        {"ready", wordRecord(7), 0, "", 7},
+        {"refused", resultRecord(-4, "bad ticket"), -4, "bad ticket", 99},
+        {"result alone", resultRecord(0), -1, "short response", 99},
+        {"nothing", "", -1, "short read", 99},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string request;
+        server.next([&](Peer& peer) {
+            request = take(peer, 528);
+            peer.send(c.reply);
+        });
+        unsigned mask = 99;
+        EXPECT_EQ(CDgetStatusBitmask(&mask, &result), c.code);
+        waitForScripts();
+        EXPECT_EQ(textOf(result), c.text);
+        EXPECT_EQ(mask, c.mask);
+        EXPECT_EQ(request, requestHead(10) + ticket());
+    }
+}
+
+TEST_F(Client, FindsTheServiceByItsState) {
+    unsigned mask = 0;
+    const auto ask = [&] { return CDgetStatusBitmask(&mask, &result); };
+    const char* const absent = "CryptoDaemon's not running or we're unprivileged";
+    server.standing([](Peer& peer) {
+        (void)take(peer, 528);
+        peer.send(wordRecord(1));
+    });
+    EXPECT_EQ(ask(), 0);
+    std::filesystem::remove(statePath());
+    EXPECT_EQ(ask(), -1) << "though the port is known";
+    EXPECT_EQ(textOf(result), absent);
+    for (const std::size_t size : {std::size_t{0}, std::size_t{535}, std::size_t{537}, std::size_t{100000}}) {
+        writeState(portOf(server), size);
+        EXPECT_EQ(ask(), -1);
+        EXPECT_EQ(textOf(result), "state size " + std::to_string(size) + " != 536");
+    }
+    std::filesystem::remove(statePath());
+    std::filesystem::create_directory(statePath());
+    EXPECT_EQ(ask(), -1);
+    EXPECT_EQ(textOf(result), "Can't read CryptoDaemon's state: Is a directory");
+    std::filesystem::remove(statePath());
+
+    // A service that started later stands in a newer file; an older one is no news.
+    ScriptedServer later;
+    later.standing([](Peer& peer) {
+        (void)take(peer, 528);
+        peer.send(wordRecord(2));
+    });
+    writeState(portOf(server));
+    EXPECT_EQ(ask() + static_cast<int>(mask), 1);
+    writeState(portOf(later));
+    EXPECT_EQ(ask() + static_cast<int>(mask), 2);
+    writeState(portOf(server));
+    std::filesystem::last_write_time(statePath(),
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+    EXPECT_EQ(ask() + static_cast<int>(mask), 2);
+    writeState(1);
+    EXPECT_EQ(ask(), -1);
+    EXPECT_EQ(textOf(result), "Can't connect to CryptoDaemon: Connection refused");
+}
+
+TEST_F(Client, TakesATokenOrClosesTheSession) {
+    const std::string header = noise(512, 5);
+    const std::string payload = noise(1024, 6);
+    const auto reply = [&](std::uint32_t length, const std::string& data) {
+        return resultRecord(0) + raw(length) + header + std::string(4, '\0') + data;
+    };
+    const struct {
+        const char* what;
+        std::string reply;
+        int room;
+        int code;
+        const char* text;
+        int length;
+    } cases[] = {
+        {"fits", reply(1024, payload), 1536, 0, "", 1536},
+        {"fits with room", reply(1024, payload), 4096, 0, "", 1536},
+        {"a byte short", reply(1024, payload), 1535, -1, "length too small", 1536},
+        {"only a header", reply(1024, payload), 512, -1, "length too small", 1536},
+        {"no room", reply(1024, payload), -1, -1, "length too small", 1536},
+        {"empty", reply(0, ""), 4096, -1, "bad token length 0", 4096},
+        {"absurd", reply(UINT32_MAX, ""), 4096, -1, "bad token length 4294967295", 4096},
+        {"cut off", reply(1024, payload.substr(1)), 4096, -1, "short read", 4096},
+        {"no header", reply(1024, payload).substr(0, 599), 4096, -1, "short read", 4096},
+        {"refused", resultRecord(-3, "no"), 4096, -3, "no", 4096},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string request;
+        serveSession([&](Peer& peer) {
+            request = take(peer, 16);
+            peer.send(c.reply);
+        });
+        ASSERT_EQ(open(), 0);
+        std::string buffer(4096, '\0');
+        int length = c.room;
+        EXPECT_EQ(CDlibGetToken(buffer.data(), &length, &context, &result), c.code);
+        waitForScripts();
+        EXPECT_EQ(textOf(result), c.text);
+        EXPECT_EQ(length, c.length);
+        EXPECT_EQ(context.session == nullptr, c.code != 0);
+        EXPECT_EQ(request, requestHead(7));
+        if (c.code == 0) {
+            EXPECT_EQ(buffer.substr(0, 1536), header + payload);
+        }
+    }
+    int length = 4096;
+    std::byte buffer[4096];
+    EXPECT_EQ(CDlibGetToken(buffer, &length, &context, &result), -1);
+    EXPECT_EQ(textOf(result), "CDlibData not initialized");
+}
+
+TEST_F(Client, ShowsATokenWhole) {
+    const std::string token = noise(1536, 3);
+    std::string request;
+    server.next([&](Peer& peer) { request = take(peer, 2072); });
+    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), token.size(), &context, &result), -1);
+    waitForScripts();
+    EXPECT_EQ(textOf(result), "short read");
+    EXPECT_EQ(request, requestHead(8) + ticket() + raw(std::uint32_t{1024}) + token.substr(0, 512) +
+                           std::string(4, '\0') + token.substr(512));
+    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), 512, &context, &result), -1);
+    EXPECT_EQ(textOf(result), "length too small");
+    EXPECT_EQ(CDlibInitCryptWithToken(nullptr, 1536, &context, &result), -1);
+    server.next([](Peer& peer) { peer.reset(); });
+    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), token.size(), &context, &result), -1);
+    EXPECT_EQ(textOf(result), "Connection reset by peer");
+}
+
+TEST_F(Client, ChecksWhatItIsToCipher) {
+    EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, nullptr, &result), -1);
+    EXPECT_EQ(textOf(result), "NULL pointer");
+    EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, nullptr), -1);
+    EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), -1);
+    EXPECT_EQ(textOf(result), "CDlibData not initialized");
+    serveSession([](Peer& peer) { peer.waitForEnd(); });
+    ASSERT_EQ(open(), 0);
+    std::byte in[64]{};
+    std::byte out[64]{};
+    const struct {
+        int op;
+        const std::byte* from;
+        std::size_t inBytes;
+        std::byte* to;
+        std::size_t outBytes;
+        const char* text;
+    } cases[] = {
+        {4, nullptr, 64, out, 64, "nextDataInPtr == NULL"}, {4, in, 31, out, 64, "dataInBytes < 32"},
+        {4, in, 64, nullptr, 64, "nextDataOutPtr == NULL"}, {4, in, 64, out, 0, "dataOutBytes <= 0"},
+        {6, in, 64, out, 64, "confused about what to do"},
+    };
+    for (const auto& c : cases) {
+        context.nextDataInPtr = c.from;
+        context.dataInBytes = c.inBytes;
+        context.nextDataOutPtr = c.to;
+        context.dataOutBytes = c.outBytes;
+        EXPECT_EQ(CDlibCrypt(c.op, &context, &result), -1);
+        EXPECT_EQ(textOf(result), c.text);
+    }
+    CDlibClose(&context);
+}
+
+TEST_F(Client, SendsChunksInTheirSequence) {
+    cipherInService(true);
+    const std::string data = noise(65536 + 64 + 1, 9);
+    std::string requests;
+    serveSession([&](Peer& peer) {
+        const std::uint32_t lengths[] = {65536, 64, 64};
+        for (std::uint32_t i = 0; i < 3; ++i) {
+            requests += take(peer, 96);
+            peer.send(chunkRecord(resultRecord(0), i + 1, lengths[i]) + take(peer, lengths[i]));
+        }
+    });
+    ASSERT_EQ(open(), 0);
+    EXPECT_TRUE(root.logged("CDlibInit returned with doOurOwnCryption set at: 0"));
+    EXPECT_EQ(crypt(CDLIB_DECRYPT, data), data.substr(0, 65600));
+    EXPECT_EQ(context.dataInBytes, 1u);
+    EXPECT_EQ(crypt(CDLIB_ENCRYPT, data.substr(0, 65)), data.substr(0, 64));
+    EXPECT_EQ(context.dataInBytes, 1u) << "the rest stays";
+    waitForScripts();
+    EXPECT_EQ(requests, chunkRecord(requestHead(5), 1, 65536) + chunkRecord(requestHead(5), 2, 64) +
+                            chunkRecord(requestHead(4), 3, 64));
+}
+
+TEST_F(Client, RefusesAChunkThatIsNotTheAnswer) {
+    cipherInService(true);
+    const std::string good = resultRecord(0);
+    const struct {
+        const char* what;
+        std::string reply;
+        int code;
+        const char* text;
+    } cases[] = {
+        {"stale number", chunkRecord(good, 0, 64) + noise(64, 1), -1, "outta sync: 0x0 != 0x1"},
+        {"no data", chunkRecord(good, 1, 0), -1, "no data"},
+        {"more than was sent", chunkRecord(good, 1, 96) + noise(96, 1), -1, "bad length 96"},
+        {"half a unit", chunkRecord(good, 1, 48) + noise(48, 1), -1, "bad length 48"},
+        {"cut off", chunkRecord(good, 1, 64) + noise(63, 1), -1, "short read"},
+        {"no result", good.substr(0, 79), -1, "short read"},
+        {"refused in 85 bytes", resultRecord(-8, "worn out") + "12345", -8, "worn out"},
+        {"good result in 85 bytes", resultRecord(0, "fine") + "12345", 0, "fine"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        serveSession([&](Peer& peer) {
+            (void)take(peer, 96 + 64);
+            peer.send(c.reply);
+            if (c.code == 0)
+                peer.waitForEnd();  // the rest of a good reply isn't waited for long
+        });
+        ASSERT_EQ(open(), 0);
+        std::string data = noise(64, 2);
+        context.nextDataInPtr = reinterpret_cast<std::byte*>(data.data());
+        context.nextDataOutPtr = reinterpret_cast<std::byte*>(data.data());
+        context.dataInBytes = context.dataOutBytes = 64;
+        EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), c.code);
+        EXPECT_EQ(textOf(result), c.text);
+        EXPECT_EQ(context.dataInBytes, 64u) << "nothing counts as done";
+        EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), -1) << "the connection was given up";
+        EXPECT_EQ(textOf(result), "CDlibData not initialized");
+        waitForScripts();
+    }
+}
+
+// How the machine is asked where the ciphering is done.
+TEST_F(CryptoTest, PlacesTheCipher) {
+    const auto askGoodCard = [](int, unsigned* version, unsigned* capabilities) {
+        *version = 0x12;
+        *capabilities = 0x18;
+        return 0;
+    };
+    const auto askOtherCard = [](int, unsigned* version, unsigned* capabilities) {
+        *version = 0x12;
+        *capabilities = 0x7;
+        return 0;
+    };
+    using Ask = int (*)(int, unsigned*, unsigned*);
+    const Ask installed = CipherPlatform().askCard;
+    const char* const cannot = "/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n";
+    const struct {
+        const char* what;
+        Ask askCard;  // null: there is no device
+        const char* interrupts;
+        const char* capabilities;
+        CipherPlace place;
+        const char* text;
+        const char* log;
+    } cases[] = {
+        {"card", askGoodCard, "CPU0 CPU1", "", CipherPlace::Card, "Using hardware:  found card",
+         "using rx9 version: 0x12 (0x18)\n"},
+        {"card without AES", askOtherCard, " CPU0 CPU1\nCPU2", "", CipherPlace::Process,
+         "Using software:  found 2 threads", cannot},
+        {"card that can't be asked", installed, "CPU0", "", CipherPlace::Service,
+         "No hardware and no software; only 1 of 2 required threads", cannot},
+        {"threads", nullptr, "  CPU0  CPU1  CPU7", "", CipherPlace::Process, "Using software:  found 3 threads", ""},
+        {"enabled", nullptr, "CPU0", "dedup\nencryption\n", CipherPlace::Process, "Using software: enabled", ""},
+        {"nothing of its own", nullptr, "", "encryption=no\nno encryption\n", CipherPlace::Service,
+         "No hardware and no software; only 0 of 2 required threads", ""},
+    };
+    CipherPlatform platform;
+    platform.interrupts = root / "interrupts";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        forgetCipherPlace();
+        root.clearLog();
+        if (c.askCard != nullptr)
+            writeFile(root / "dev/rx9", "");
+        else
+            std::filesystem::remove(root / "dev/rx9");
+        platform.askCard = c.askCard;
+        writeFile(platform.interrupts, c.interrupts);
+        writeFile(root / "var/opt/kestrelix/platform_capabilities", c.capabilities);
+        EXPECT_EQ(cryptoAvailable(platform, &result), c.place);
+        EXPECT_EQ(textOf(result), c.text);
+        EXPECT_TRUE(root.logged(c.log));
+        // Software stays chosen; nothing else does.
+        writeFile(platform.interrupts, "");
+        std::filesystem::remove(root / "dev/rx9");
+        writeFile(root / "var/opt/kestrelix/platform_capabilities", "");
+        EXPECT_EQ(cryptoAvailable(platform, &result),
+                  c.place == CipherPlace::Process ? CipherPlace::Process : CipherPlace::Service);
+    }
+}
+
+TEST_F(CryptoTest, AsksTheInstalledToolWhenNoConfigurationIsKnown) {
+    const std::string known = g_master_ini;
+    const struct {
+        const char* script;  // null: not installed
+        bool inProcess;
+    } cases[] = {
+        {nullptr, true},       {"echo true", true}, {"echo ' yes indeed'", true},
+        {"echo false", false}, {"exit 0", false},   {"[ $# = 5 ] && [ \"$3\" = inlineCryption ] && echo y", true}};
+    const std::filesystem::path tool = root / "usr/dq/bin/dqutil";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.script == nullptr ? "not installed" : c.script);
+        std::filesystem::remove(tool);
+        if (c.script != nullptr) {
+            writeFile(tool, std::string("#!/bin/sh\n") + c.script + "\n");
+            std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+        }
+        g_master_ini.clear();
+        CDlibData data;
+        CDlibInit(&data, &result);
+        g_master_ini = known;
+        EXPECT_EQ(data.doOurOwnCryption, c.inProcess);
+    }
+}
+
+}  // namespace
+}  // namespace testsupport
