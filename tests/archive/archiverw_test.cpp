@@ -163,11 +163,11 @@ TEST_F(Archive, RefusesWhatItCannotReadAndNeverHandsOutWrongBytes) {
         int readError;
     } cases[] = {
         {"bad mode", "abcdef", "a", 0, EINVAL, 0},
-        {"writing", "abcdef", "w", 0, ENOTSUP, 0},
-        {"encrypted", "abcdef", "r", ARCHIVE_ENCRYPTED, ENOTSUP, 0},
+        {"writing over a file", "abcdef", "w", 0, EEXIST, 0},
+        {"encrypted", "abcdef", "r", ARCHIVE_ENCRYPTED, 0, EBADMSG},
         {"deduplicated", "abcdef", "r", ARCHIVE_DEDUPLICATED, ENOTSUP, 0},
-        {"gzip", "\x1f\x8b\x08\x01zzzz", "r", ARCHIVE_MAYBE_COMPRESSED, 0, ENOTSUP},
-        {"LZ4", "\x04\x22\x4d\x18zzzz", "r", ARCHIVE_COMPRESSED_TOO, 0, ENOTSUP},
+        {"gzip", "\x1f\x8b\x08\x01zzzz", "r", ARCHIVE_MAYBE_COMPRESSED, 0, EBADMSG},
+        {"LZ4", "\x04\x22\x4d\x18zzzz", "r", ARCHIVE_COMPRESSED_TOO, 0, EBADMSG},
         {"gzip magic without the property", "\x1f\x8b\x08\x01zzzz", "r", 0, 0, 0},
         {"half an LZ4 magic", "\x04\x22\x4dxzzzz", "r", ARCHIVE_MAYBE_COMPRESSED, 0, 0},
     };
@@ -235,6 +235,49 @@ TEST_F(Archive, RequestsShapeTheReading) {
     }
     EXPECT_EQ(archive_fcntl(f, ARCHIVE_REOPEN, path + "x"), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+// Stands in for what finds the content of a deduplicated backup: gives the file's own bytes.
+class PlainRedup : public RedupReader {
+public:
+    explicit PlainRedup(ArchiveFilterPtr inner) : inner_(std::move(inner)) {}
+    ssize_t read(void* buffer, std::size_t count) override { return archive_read(inner_.get(), buffer, count); }
+    off_t seek(off_t offset, int whence) override {
+        ++seeks;
+        return archive_seek(inner_.get(), offset, whence);
+    }
+    [[nodiscard]] off_t offset() const override { return archive_seek(inner_.get(), 0, SEEK_CUR); }
+    archive_filter* inner() override { return inner_.get(); }
+    static inline int seeks = 0;
+
+private:
+    ArchiveFilterPtr inner_;
+};
+
+TEST_F(Archive, ADeduplicatedBackupIsReadByWhatIsRegistered) {
+    archive_register_redup([](const char* file, const char* mode, std::uint64_t properties) {
+        ArchiveFilterPtr inner = archive_open(file, mode, properties & ~ARCHIVE_DEDUPLICATED);
+        archive_never_defer_seek(inner.get());
+        return std::unique_ptr<RedupReader>(new PlainRedup(std::move(inner)));
+    });
+    const std::string bytes = randomBytes(20000);
+    ArchiveFilterPtr filter = openWith(bytes, ARCHIVE_DEDUPLICATED);
+    archive_register_redup(nullptr);
+    ASSERT_TRUE(filter);
+    EXPECT_EQ(readUpTo(filter.get(), 100), bytes.substr(0, 100));
+    EXPECT_EQ(archive_physical_offset(filter.get()), 100) << "the virtual one";
+    EXPECT_EQ(archive_seek(filter.get(), 0, SEEK_SET), 0);
+    EXPECT_EQ(PlainRedup::seeks, 0) << "waits for the read";
+    EXPECT_EQ(readUpTo(filter.get(), 10), bytes.substr(0, 10));
+    EXPECT_EQ(archive_seek(filter.get(), 5, SEEK_CUR), 15);
+    EXPECT_EQ(PlainRedup::seeks, 2);
+    EXPECT_EQ(readUpTo(filter.get(), 10), bytes.substr(15, 10));
+    EXPECT_EQ(archive_fcntl(filter.get(), ARCHIVE_GROW_DEVICE_BUFFER, 3 << 20), 0);
+    EXPECT_EQ(archive_fcntl(filter.get(), ARCHIVE_SET_STREAM_MODE, 1), -1);
+    EXPECT_EQ(errno, ENOSYS);
+    EXPECT_EQ(archive_write(filter.get(), "a", 1), -1);
+    EXPECT_NE(archive_fd(filter.get()), -1);
+    EXPECT_EQ(archive_close(&filter), 0);
 }
 
 TEST_F(Archive, FindsABackupByItsNumber) {

@@ -1,0 +1,345 @@
+// What comes out of a file of every kind: random access, sequences of streams, tokens, and damage.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "archive_support.h"
+#include "foundation/logger.h"
+
+namespace {
+
+using namespace testsupport;
+
+constexpr std::uint64_t ZIPPED = ARCHIVE_MAYBE_COMPRESSED;
+constexpr std::uint64_t LOCKED = ARCHIVE_ENCRYPTED;
+constexpr std::size_t MARK = 512;
+
+struct Kind {
+    const char* name;
+    const char* engine;
+    std::uint64_t properties;
+};
+constexpr Kind KINDS[] = {{"plain", "zlib", 0},
+                          {"zlib", "zlib", ZIPPED},
+                          {"LZ4", "lz4", ZIPPED},
+                          {"encrypted", "zlib", LOCKED},
+                          {"encrypted zlib", "zlib", LOCKED | ZIPPED},
+                          {"encrypted LZ4", "lz4", LOCKED | ZIPPED}};
+
+class ArchiveKinds : public ArchiveFile {
+protected:
+    static void logLittle() { log_level = 2; }  // where thousands of states would be dumped
+};
+
+// Random reads, skips and seeks over one open file; every answer is compared with the plain bytes.
+class Wanderer {
+public:
+    Wanderer(archive_filter* filter, const std::string& bytes, unsigned seed)
+        : filter_(filter), bytes_(bytes), random_(seed) {}
+
+    void step() {
+        const std::size_t span = random_() % 4 == 0 ? bytes_.size() : random_() % 2 == 0 ? 700 : 140000;
+        const std::size_t count = std::min<std::size_t>(random_() % (span + 100), bytes_.size());
+        switch (random_() % 6) {
+            case 0:
+                return seek(random_() % 8 == 0 ? 0 : count);
+            case 1:
+                return seek(position_ - std::min(position_, count));
+            case 2:
+                return seek(random_() % 2 == 0 ? std::min(position_ + count, bytes_.size()) : bytes_.size() - count);
+            default:
+                return read(count + random_() % 2, random_() % 4 == 0);
+        }
+    }
+
+private:
+    void seek(std::size_t to) {
+        if (random_() % 16 == 0) {
+            ASSERT_EQ(archive_seek(filter_, -1 - static_cast<off_t>(position_), SEEK_CUR), -1) << "before the start";
+        }
+        const auto target = static_cast<off_t>(to);
+        const bool isRelative = random_() % 2 == 0;
+        ASSERT_EQ(isRelative ? archive_seek(filter_, target - static_cast<off_t>(position_), SEEK_CUR)
+                             : archive_seek(filter_, target, SEEK_SET),
+                  target)
+            << "from " << position_;
+        position_ = to;
+    }
+
+    void read(std::size_t count, bool isSkip) {
+        const std::string expected = bytes_.substr(position_, count);
+        std::string got(count, '?');
+        const ssize_t result = archive_read(filter_, isSkip ? nullptr : got.data(), count);
+        ASSERT_EQ(result, static_cast<ssize_t>(expected.size())) << "at " << position_ << " for " << count;
+        got.resize(expected.size());
+        ASSERT_TRUE(isSkip || got == expected) << "at " << position_ << " for " << count;
+        position_ += expected.size();
+    }
+
+    archive_filter* filter_;
+    const std::string& bytes_;
+    std::mt19937_64 random_;
+    std::size_t position_ = 0;
+};
+
+TEST_F(ArchiveKinds, RandomReadsSkipsAndSeeksGiveThePlainBytes) {
+    needKeyService();
+    logLittle();
+    const char* const buffers[] = {"",
+                                   "devbufsize_archiverw=4096\ndecompressBlockSize_archiverw=1000\n"
+                                   "decryptBlockSize_archiverw=1000\nreadAheadLowWaterMark_archiverw=-1\n"};
+    for (const Kind& kind : KINDS)
+        for (const std::size_t size : {std::size_t{32}, std::size_t{131072}, std::size_t{1500000 / 32 * 32}})
+            for (const char* buffer : buffers) {
+                configure(kind.engine, std::string(size < 200000 ? "CompressionSegmentKB=1\n" : "") + buffer);
+                const std::string bytes = contentOf(Content::mixed, size);
+                makeBackup(bytes, kind.properties);
+                for (const std::uint64_t direct : {std::uint64_t{0}, ARCHIVE_DIRECT_IO}) {
+                    SCOPED_TRACE(std::string(kind.name) + ", " + std::to_string(size) + " bytes, direct " +
+                                 std::to_string(direct) + ", " + buffer);
+                    const ArchiveFilterPtr filter = reopen(kind.properties | direct);
+                    ASSERT_TRUE(filter);
+                    Wanderer wanderer(filter.get(), bytes, static_cast<unsigned>(size));
+                    for (int step = 0; step < 250 && !HasFatalFailure(); ++step)
+                        wanderer.step();
+                    if (HasFatalFailure())
+                        return;
+                }
+            }
+}
+
+// Chains of streams by other people's tools, none of which has an index.
+TEST_F(ArchiveKinds, StreamsOfAnyToolInAnyOrderAreOneStream) {
+    const std::string a = contentOf(Content::text, 300001);
+    const std::string b = contentOf(Content::noise, 200777);
+    const std::string gz = through(root, a, "gzip -c in");
+    const std::string pz = through(root, b, "pigz -b 128 -c in");
+    const std::string lz = through(root, a, "lz4 -c -BX -BI -B4 in");
+    const std::string big = through(root, b, "lz4 -c -BX -B7 --content-size in");
+    const std::string index = "ae9b77131072  111";
+    const struct {
+        const char* what;
+        std::string file;
+        std::string clean;
+    } cases[] = {{"gzip", gz, a},
+                 {"gzip twice", gz + pz, a + b},
+                 {"LZ4 behind gzip", gz + lz + pz, a + a + b},
+                 {"gzip behind LZ4", lz + gz + big + lz, a + a + b + a},
+                 {"blocks of 4 MB, longer than a piece", big, b},
+                 {"the index of another writer", gz + index, a},
+                 {"part of an index", lz + "ae9b", a},
+                 {"a few bytes behind LZ4", lz + "xyz", a},
+                 {"not compressed at all", a, a}};
+    for (const auto& c : cases)
+        for (const std::size_t piece : {std::size_t{1} << 20, std::size_t{1000}}) {
+            SCOPED_TRACE(c.what);
+            writeFile(path, c.file);
+            EXPECT_TRUE(readAll(ZIPPED, piece) == c.clean);
+        }
+    EXPECT_TRUE(root.logged("New decompresion type found: 2 -> 3"));
+    writeFile(path, gz + lz);
+    const ArchiveFilterPtr filter = reopen(ZIPPED);
+    ASSERT_EQ(archive_read(filter.get(), nullptr, 400000), 400000);
+    ASSERT_EQ(archive_seek(filter.get(), 0, SEEK_SET), 0);
+    EXPECT_TRUE(restOf(filter.get()) == a + a) << "a rewind needs no index";
+    EXPECT_EQ(archive_seek(filter.get(), 5, SEEK_SET), -1);
+    EXPECT_EQ(errno, EBADMSG) << "any other seek does";
+}
+
+// Large enough blocks of one stream, made of what fills several buffers.
+TEST_F(ArchiveKinds, BlocksOfFourMegabytesAreRead) {
+    const std::string bytes = contentOf(Content::mixed, 9000000);
+    writeFile(path, through(root, bytes, "lz4 -c -BX -B7 in"));
+    EXPECT_TRUE(readAll(ZIPPED) == bytes);
+}
+
+// A file that was cut, and one with a bit that isn't as it was written: never wrong bytes, never a shorter backup that
+// looks good.
+TEST_F(ArchiveKinds, DamageIsToldOrDoesNoHarm) {
+    needKeyService();
+    logLittle();
+    const std::string bytes = contentOf(Content::text, 64 * 1024);
+    for (const Kind& kind : KINDS) {
+        configure(kind.engine);
+        makeBackup(bytes, kind.properties);
+        const std::string file = readFile(path);
+        const bool isZipped = (kind.properties & ZIPPED) != 0;
+        const std::size_t dataEnd = isZipped ? file.find("ae9b77") : file.size();
+        for (std::size_t size = 0; size < dataEnd; size += MARK) {
+            SCOPED_TRACE(std::string(kind.name) + " cut at " + std::to_string(size));
+            writeFile(path, file.substr(0, size));
+            const ArchiveFilterPtr filter = reopen(kind.properties);
+            std::string got(bytes.size(), '?');
+            const ssize_t first = archive_read(filter.get(), got.data(), got.size());
+            ASSERT_TRUE(first == -1 ? errno == EBADMSG
+                                    : std::memcmp(got.data(), bytes.data(), static_cast<std::size_t>(first)) == 0);
+            ASSERT_LT(first, static_cast<ssize_t>(bytes.size()));
+            const ssize_t second = first == -1 ? -1 : archive_read(filter.get(), got.data(), got.size());
+            // Only a stream without blocks can't tell that it was cut.
+            // Up to six bytes behind an LZ4 frame are no data either.
+            const std::size_t frame = file.rfind("\x04\x22\x4d\x18", size);
+            const bool isBetweenBlocks = file.compare(size, 2, "\x1f\x8b") == 0 || size - frame < 7;
+            ASSERT_TRUE(!isZipped || size == 0 || second == -1 || isBetweenBlocks);
+            if (archive_seek(filter.get(), 50000, SEEK_SET) == 50000) {
+                const ssize_t third = archive_read(filter.get(), got.data(), 1000);
+                ASSERT_EQ(std::memcmp(got.data(), bytes.data() + 50000,
+                                      static_cast<std::size_t>(std::max<ssize_t>(third, 0))),
+                          0);
+            }
+        }
+        std::mt19937_64 random(7);
+        for (int i = 0; isZipped && i < 120; ++i) {
+            const std::size_t at = 4 + random() % (dataEnd - 4);
+            SCOPED_TRACE(std::string(kind.name) + " changed at " + std::to_string(at));
+            std::string changed = file;
+            changed[at] = static_cast<char>(changed[at] ^ (1 << random() % 8));
+            writeFile(path, changed);
+            const std::string got = readAll(kind.properties);
+            ASSERT_TRUE(got == bytes || got == "failed " + std::to_string(EBADMSG)) << got.size();
+        }
+    }
+}
+
+TEST_F(ArchiveKinds, ABadIndexFailsTheSeekAndNotTheReading) {
+    const std::string bytes = contentOf(Content::text, 300000);
+    makeBackup(bytes, ZIPPED);
+    const std::string file = readFile(path);
+    const std::size_t index = file.find("ae9b77");
+    const std::size_t second = file.size() - 64 - 65536;
+    const struct {
+        const char* what;
+        std::string file;
+    } cases[] = {
+        {"none", file.substr(0, index)},
+        {"an entry", std::string(file).replace(index + 32 + 40, 1, "\xff")},
+        {"short", file.substr(0, file.size() - 1)},
+        {"chunks of no bytes", std::string(file).replace(index + 6, 8, "0       ").replace(second + 6, 8, "0       ")}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        writeFile(path, c.file);
+        const ArchiveFilterPtr filter = reopen(ZIPPED | ARCHIVE_DIRECT_IO);
+        std::string head(1000, '?');
+        ASSERT_EQ(archive_read(filter.get(), head.data(), head.size()), 1000);
+        EXPECT_EQ(archive_seek(filter.get(), 290000, SEEK_SET), -1);
+        EXPECT_EQ(errno, EBADMSG);
+        EXPECT_TRUE(head + restOf(filter.get()) == bytes) << "goes on where it was";
+    }
+}
+
+// Seeks in what is in memory cost no read and move no descriptor.
+TEST_F(ArchiveKinds, ShortStepsStayInMemory) {
+    needKeyService();
+    const std::string bytes = contentOf(Content::mixed, 6 << 20);
+    for (const Kind& kind : KINDS) {
+        SCOPED_TRACE(kind.name);
+        configure(kind.engine, "");
+        makeBackup(bytes, kind.properties);
+        const ArchiveFilterPtr filter = reopen(kind.properties);
+        EXPECT_EQ(archive_seek(filter.get(), 0, SEEK_SET), 0);
+        EXPECT_EQ(archive_physical_offset(filter.get()), 0);
+        std::string some(600000, '?');
+        ASSERT_EQ(archive_read(filter.get(), some.data(), 200), 200);
+        const off_t physical = lseek(archive_fd(filter.get()), 0, SEEK_CUR);
+        ASSERT_EQ(archive_seek(filter.get(), -100, SEEK_CUR), 100);
+        ASSERT_EQ(archive_read(filter.get(), some.data(), 50), 50);
+        EXPECT_EQ(some.substr(0, 50), bytes.substr(100, 50));
+        EXPECT_EQ(lseek(archive_fd(filter.get()), 0, SEEK_CUR), physical);
+        // After one step back the bytes behind the position stay, over reads that change the buffer.
+        ASSERT_EQ(archive_seek(filter.get(), 100000, SEEK_SET), 100000);
+        ASSERT_EQ(archive_read(filter.get(), some.data(), 60000), 60000);
+        ASSERT_EQ(archive_seek(filter.get(), -60000, SEEK_CUR), 100000);
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_EQ(archive_read(filter.get(), some.data(), 600000), 600000);
+            const off_t at = archive_physical_offset(filter.get());
+            ASSERT_EQ(archive_seek(filter.get(), -50000, SEEK_CUR), 100000 + 550000 * (i + 1));
+            EXPECT_EQ(archive_physical_offset(filter.get()), at) << i;
+        }
+        ASSERT_EQ(archive_read(filter.get(), some.data(), 1000), 1000);
+        EXPECT_EQ(some.substr(0, 1000), bytes.substr(100000 + 550000 * 5, 1000));
+    }
+}
+
+class ArchiveToken : public ArchiveFile {
+protected:
+    // A header that passes for a token's, with this text as its size, in front of `behind`.
+    static std::string token(const std::string& size, std::size_t behind) {
+        std::string header(512, '\0');
+        header.replace(0, 26, "kestrelix ENCRYPTED tar v1");
+        header.replace(116, 7, "0000000");
+        header.replace(124, size.size(), size);
+        header.replace(148, 8, "        ");
+        header[156] = 'E';
+        int sum = 0;
+        for (const char byte : header)
+            sum += static_cast<signed char>(byte);
+        char text[16];
+        std::snprintf(text, sizeof text, "%07o", static_cast<unsigned>(sum) & 0xffff);
+        header.replace(148, 8, text, 8);
+        return header + std::string(behind, 'x');
+    }
+};
+
+TEST_F(ArchiveToken, RefusesWhatIsNoTokenAndTakesUpToOneMegabyte) {
+    const auto octal = [](std::size_t size) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%011zo", size);
+        return std::string(text);
+    };
+    std::string wrongFlag = token(octal(1024), 4096);
+    wrongFlag[156] = '0';
+    std::string wrongSum = token(octal(1024), 4096);
+    wrongSum[130] = '1';
+    const struct {
+        const char* what;
+        std::string file;
+        const char* text;
+    } cases[] = {
+        {"one byte too long", token(octal((1 << 20) - 511), 1 << 21), "Limit of 1MB token size"},
+        {"the longest", token(octal((1 << 20) - 512), 1 << 21), "Failed to initialize with token: "},
+        {"far too long", token("77777777777", 4096), "Limit of 1MB token size"},
+        {"a size that overflows", token("#zzzzzzzzzzz", 4096), "Bad encrypted header"},
+        {"no whole blocks", token(octal(1000), 4096), "Bad encrypted header"},
+        {"another entry", wrongFlag, "Should have seen encrypted token header but didn't"},
+        {"a wrong checksum", wrongSum, "Should have seen encrypted token header but didn't"},
+        {"zeros", std::string(4096, '\0'), "Should have seen encrypted token header but didn't"},
+        {"cut in the token", token(octal(1024), 100), "The data ends in the middle of a token"},
+        {"cut in the header", token(octal(1024), 0).substr(0, 100), "The data ends in the middle of a token"},
+    };
+    for (const auto& c : cases)
+        for (const std::uint64_t properties : {LOCKED, LOCKED | ARCHIVE_DIRECT_IO}) {
+            SCOPED_TRACE(c.what);
+            root.clearLog();
+            writeFile(path, c.file);
+            EXPECT_EQ(readAll(properties), "failed " + std::to_string(EBADMSG));
+            EXPECT_TRUE(root.logged(c.text));
+            EXPECT_EQ(archive_seek(reopen(properties).get(), 10, SEEK_SET), -1);
+        }
+    writeFile(path, "");
+    EXPECT_EQ(readAll(LOCKED), "") << "a backup that nothing was written to";
+}
+
+TEST_F(ArchiveToken, ACutCipherUnitIsDamage) {
+    needKeyService();
+    const std::string bytes = contentOf(Content::text, 100000 / 32 * 32);
+    for (const std::uint64_t properties : {LOCKED, LOCKED | ARCHIVE_DIRECT_IO}) {
+        makeBackup(bytes, properties);
+        std::filesystem::resize_file(path, std::filesystem::file_size(path) - 7);
+        const ArchiveFilterPtr filter = reopen(properties);
+        std::string got(bytes.size(), '?');
+        ASSERT_EQ(archive_read(filter.get(), got.data(), got.size()), static_cast<ssize_t>(bytes.size() - 32));
+        EXPECT_EQ(got.substr(0, bytes.size() - 32), bytes.substr(0, bytes.size() - 32));
+        EXPECT_EQ(archive_read(filter.get(), got.data(), got.size()), -1);
+        EXPECT_EQ(errno, EBADMSG);
+    }
+    keyService.reset();
+    EXPECT_EQ(readAll(LOCKED), "failed " + std::to_string(EBADMSG)) << "no key service, no reading";
+    ArchiveFilterPtr filter = create(LOCKED);
+    EXPECT_EQ(archive_write(filter.get(), bytes.data(), 1000), 1000);
+    EXPECT_EQ(archive_close(&filter), -1);
+    EXPECT_FALSE(filter);
+}
+
+}  // namespace

@@ -1,0 +1,287 @@
+// What a written file is: for other people's tools, on the disk, and when the disk is full.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+
+#include "archive_support.h"
+#include "foundation/logger.h"
+
+namespace {
+
+using namespace testsupport;
+
+constexpr std::uint64_t ZIPPED = ARCHIVE_COMPRESSED_TOO;
+constexpr std::uint64_t LOCKED = ARCHIVE_ENCRYPTED;
+constexpr std::size_t TOKEN = 1536;
+constexpr off_t SIZE_STEP = 10485760;
+
+class ArchiveWriting : public ArchiveFile {
+protected:
+    [[nodiscard]] off_t fileSize() const { return static_cast<off_t>(std::filesystem::file_size(path)); }
+    [[nodiscard]] off_t blocks() const {
+        struct stat st {};
+        EXPECT_EQ(stat(path.c_str(), &st), 0);
+        return st.st_blocks * 512;
+    }
+
+    // What lies in front of the index, if there is one.
+    [[nodiscard]] std::string dataPart() const {
+        const std::string file = readFile(path);
+        return file.substr(0, file.find("ae9b77"));
+    }
+
+    // By a tool that knows nothing of tokens, with the key of the file's session.
+    std::string decryptedByTool(const std::string& file) {
+        CryptContext context;
+        CDlibResult result{};
+        EXPECT_EQ(CDlibInitCryptWithToken(file.data(), TOKEN, &context, &result), 0);
+        std::string hex;
+        for (std::size_t i = 0; i < 32; ++i) {
+            char digits[3];
+            std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(context.session->key[i]));
+            hex += digits;
+        }
+        return through(root, file.substr(TOKEN), "openssl enc -d -aes-256-ecb -nopad -K " + hex + " -in in");
+    }
+
+    // Lets the process write files of up to `size` bytes while it lives.
+    class Quota {
+    public:
+        explicit Quota(rlim_t size) {
+            (void)std::signal(SIGXFSZ, SIG_IGN);
+            getrlimit(RLIMIT_FSIZE, &before_);
+            rlimit limit = before_;
+            limit.rlim_cur = size;
+            EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        }
+        Quota(const Quota&) = delete;
+        Quota& operator=(const Quota&) = delete;
+        ~Quota() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+    private:
+        rlimit before_{};
+    };
+};
+
+TEST_F(ArchiveWriting, OtherToolsReadTheDataOfAllSizes) {
+    needKeyService();
+    constexpr std::size_t UNIT = 524288;
+    for (const char* engine : {"zlib", "lz4"})
+        for (const std::size_t size : {std::size_t{1}, std::size_t{32}, std::size_t{511}, std::size_t{65536},
+                                       std::size_t{131073}, UNIT - 1, UNIT, UNIT + 1, 3 * UNIT + 4096})
+            for (const std::uint64_t properties : {ZIPPED, std::uint64_t{0}, LOCKED, LOCKED | ZIPPED}) {
+                if ((properties & LOCKED) != 0 && size % 32 != 0)
+                    continue;
+                for (const std::uint64_t direct : {std::uint64_t{0}, ARCHIVE_DIRECT_IO}) {
+                    SCOPED_TRACE(std::string(engine) + " " + std::to_string(size) + " " + std::to_string(properties));
+                    configure(engine, "");
+                    const std::string bytes = contentOf(Content::mixed, size);
+                    ArchiveFilterPtr filter = create(properties | direct);
+                    std::mt19937_64 random(size);
+                    for (std::size_t at = 0, count; at < size; at += count) {  // in pieces small and large
+                        count = std::min<std::size_t>(1 + random() % (at % 3 == 0 ? 700000 : 3000), size - at);
+                        ASSERT_EQ(archive_write(filter.get(), bytes.data() + at, count), static_cast<ssize_t>(count));
+                    }
+                    ASSERT_EQ(archive_close(&filter), 0);
+                    EXPECT_FALSE(filter);
+                    std::string data = dataPart();
+                    if ((properties & ZIPPED) != 0)
+                        data = through(root, data, engine[0] == 'z' ? "zcat in" : "lz4 -dc in");
+                    if ((properties & LOCKED) != 0)
+                        data = decryptedByTool(data);
+                    EXPECT_TRUE(data == bytes) << data.size();
+                    EXPECT_TRUE(readAll(properties | direct) == bytes);
+                }
+            }
+    EXPECT_FALSE(create(ZIPPED) && archive_open(path.c_str(), "w", 0)) << "a backup is never overwritten";
+    EXPECT_EQ(errno, EEXIST);
+}
+
+TEST_F(ArchiveWriting, NothingWrittenIsAnEmptyFile) {
+    needKeyService();
+    ArchiveFilterPtr filter = create(LOCKED | ZIPPED);
+    EXPECT_EQ(archive_write(filter.get(), "", 0), 0);
+    EXPECT_EQ(archive_seek(filter.get(), 100000, SEEK_CUR), 100000) << "dropped: no write follows";
+    EXPECT_EQ(archive_close(&filter), 0);
+    EXPECT_EQ(fileSize(), 0);
+    makeBackup(std::string(32, 'x'), LOCKED | ZIPPED);
+    EXPECT_TRUE(readFile(path).find("ae9b77") != std::string::npos) << "a few bytes bring token and index";
+    ArchiveFilterPtr none;
+    EXPECT_EQ(archive_close(&none), 0);
+}
+
+TEST_F(ArchiveWriting, SeeksLeaveHolesOrZeros) {
+    needKeyService();
+    const struct {
+        const char* what;
+        std::uint64_t properties;
+        std::size_t before;  // bytes in front of the seek
+        off_t skip;
+        bool isHole;
+    } cases[] = {{"a block", 0, 100, 4096, false},
+                 {"over a block", 0, 100, 5 << 20, true},
+                 {"from the start", 0, 0, (5 << 20) + 77, true},
+                 {"on a boundary", ARCHIVE_DIRECT_IO, 8192, 5 << 20, true},
+                 {"far", ARCHIVE_DIRECT_IO, 600001, 40 << 20, true},
+                 {"encrypted", LOCKED, 96, 5 << 20, true},
+                 {"encrypted, from the start", LOCKED, 0, 5 << 20, true},
+                 {"compressed", ZIPPED, 100, 5 << 20, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string head = contentOf(Content::noise, c.before);
+        const std::string tail = contentOf(Content::noise, 64 * 1024);
+        ArchiveFilterPtr filter = create(c.properties);
+        ASSERT_EQ(archive_write(filter.get(), head.data(), head.size()), static_cast<ssize_t>(head.size()));
+        const auto target = static_cast<off_t>(c.before) + c.skip;
+        ASSERT_EQ(archive_seek(filter.get(), 10, SEEK_CUR), static_cast<off_t>(c.before) + 10);
+        ASSERT_EQ(archive_seek(filter.get(), c.skip - 10, SEEK_CUR), target) << "seeks add up";
+        ASSERT_EQ(archive_write(filter.get(), tail.data(), tail.size()), static_cast<ssize_t>(tail.size()));
+        if (c.isHole) {
+            EXPECT_GE(archive_physical_offset(filter.get()), target / 4096 * 4096);
+            EXPECT_GE(fileSize(), SIZE_STEP);
+        }
+        ASSERT_EQ(archive_close(&filter), 0);
+        const ArchiveFilterPtr back = reopen(c.properties);
+        std::string got(tail.size(), '?');
+        if ((c.properties & LOCKED) == 0) {
+            EXPECT_TRUE(restOf(back.get()) == head + std::string(static_cast<std::size_t>(c.skip), '\0') + tail);
+        }
+        ASSERT_EQ(archive_seek(back.get(), target, SEEK_SET), target);
+        ASSERT_EQ(archive_read(back.get(), got.data(), got.size()), static_cast<ssize_t>(got.size()));
+        EXPECT_TRUE(got == tail);
+        if ((c.properties & ZIPPED) == 0) {
+            EXPECT_EQ(fileSize(),
+                      target + static_cast<off_t>(tail.size() + ((c.properties & LOCKED) != 0 ? TOKEN : 0)));
+        }
+        EXPECT_EQ(blocks() < c.skip, c.isHole || (c.properties & ZIPPED) != 0);
+    }
+}
+
+TEST_F(ArchiveWriting, TheFileGrowsInStepsAndIsTrimmedAtTheEnd) {
+    const std::string bytes = contentOf(Content::noise, 1 << 20);
+    ArchiveFilterPtr filter = create(0);
+    archive_adjust_size(filter.get(), 0);
+    EXPECT_EQ(fileSize(), SIZE_STEP);
+    for (int i = 0; i < 11; ++i)
+        ASSERT_EQ(archive_write(filter.get(), bytes.data(), bytes.size()), 1 << 20);
+    EXPECT_EQ(fileSize(), SIZE_STEP + 524288 + SIZE_STEP);
+    archive_adjust_size(filter.get(), 30 << 20);
+    EXPECT_EQ(fileSize(), (11 << 20) + (30 << 20) + SIZE_STEP);
+    ASSERT_EQ(archive_close(&filter), 0);
+    EXPECT_EQ(fileSize(), 11 << 20);
+    const ArchiveFilterPtr reader = reopen(0);
+    archive_adjust_size(reader.get(), 0);
+    EXPECT_EQ(fileSize(), 11 << 20);
+}
+
+TEST_F(ArchiveWriting, PhysicalBlocksAreFilledUpOnlyOnRequest) {
+    for (const bool isPadded : {false, true})
+        for (const std::uint64_t direct : {std::uint64_t{0}, ARCHIVE_DIRECT_IO}) {
+            ArchiveFilterPtr filter = create(direct);
+            ASSERT_EQ(archive_fcntl(filter.get(), ARCHIVE_SET_BLOCK_SIZE, 60000), 0);
+            ASSERT_EQ(archive_fcntl(filter.get(), ARCHIVE_SET_BLOCK_PADDING, isPadded ? 1 : 0), 0);
+            const std::string bytes = contentOf(Content::noise, 700001);
+            ASSERT_EQ(archive_write(filter.get(), bytes.data(), bytes.size()), 700001);
+            ASSERT_EQ(archive_close(&filter), 0);
+            EXPECT_EQ(fileSize(), isPadded ? 12 * 61440 : 700001);
+            EXPECT_TRUE(readFile(path).substr(0, 700001) == bytes);
+        }
+}
+
+TEST_F(ArchiveWriting, AFullDeviceCanBeRepairedAndTheWritingGoesOn) {
+    needKeyService();
+    log_level = 2;  // else thousands of states are dumped
+    for (const std::uint64_t properties : {std::uint64_t{0}, ARCHIVE_DIRECT_IO, LOCKED, ZIPPED, LOCKED | ZIPPED})
+        for (const rlim_t limit : {rlim_t{1}, rlim_t{300000}, rlim_t{1100000}, rlim_t{1 << 20}}) {
+            SCOPED_TRACE(std::to_string(properties) + " " + std::to_string(limit));
+            std::string bytes = contentOf(Content::noise, 1500000 / 32 * 32);
+            const std::string hole(1 << 20, '\0');
+            ArchiveFilterPtr filter = create(properties);
+            ASSERT_EQ(archive_fcntl(filter.get(), ARCHIVE_CONTINUE_ON_ERROR, 1), 0);
+            int failures = 0;
+            const auto write = [&](std::size_t from, std::size_t count) {
+                const Quota quota(limit);
+                if (archive_write(filter.get(), bytes.data() + from, count) == static_cast<ssize_t>(count))
+                    return;
+                EXPECT_EQ(errno, EFBIG);
+                ++failures;
+                EXPECT_EQ(archive_rewrite(filter.get()), -1) << "still full";
+            };
+            const auto repair = [&] {
+                if (failures > 0) {
+                    EXPECT_GE(archive_rewrite(filter.get()), 0);
+                }
+            };
+            write(0, 700000 / 32 * 32);
+            repair();
+            const std::size_t half = 700000 / 32 * 32;
+            const bool hasHole = (properties & LOCKED) == 0;
+            if (hasHole) {
+                ASSERT_EQ(archive_seek(filter.get(), static_cast<off_t>(hole.size()), SEEK_CUR),
+                          static_cast<off_t>(half + hole.size()));
+            }
+            failures = 0;
+            write(half, bytes.size() - half);
+            repair();
+            {
+                const Quota quota(limit);
+                const int closed = archive_close(&filter);
+                EXPECT_EQ(closed == 0, !filter) << "a close that can be repaired leaves the filter";
+            }
+            if (filter) {
+                EXPECT_GE(archive_rewrite(filter.get()), 0);
+                EXPECT_EQ(archive_close(&filter), 0);
+            }
+            EXPECT_FALSE(filter);
+            EXPECT_TRUE(readAll(properties) == (hasHole ? std::string(bytes).insert(half, hole) : bytes));
+        }
+}
+
+TEST_F(ArchiveWriting, WithoutContinuingAFullDeviceEndsTheFilter) {
+    ArchiveFilterPtr full = archive_open("/dev/full", "w", ARCHIVE_DIRECT_IO);
+    ASSERT_TRUE(full);
+    const std::string bytes = contentOf(Content::noise, 600000);
+    EXPECT_EQ(archive_write(full.get(), bytes.data(), bytes.size()), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(archive_rewrite(full.get()), -1);
+    EXPECT_EQ(errno, EINVAL) << "not without ARCHIVE_CONTINUE_ON_ERROR";
+    EXPECT_EQ(archive_close(&full), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(full);
+}
+
+TEST_F(ArchiveWriting, WrongUseIsRefused) {
+    needKeyService();
+    ArchiveFilterPtr filter = create(0);
+    EXPECT_EQ(archive_write(filter.get(), "abcdef", 6), 6);
+    char byte = 0;
+    EXPECT_EQ(archive_read(filter.get(), &byte, 1), -1);
+    for (const auto& [offset, whence] : {std::pair{off_t{3}, SEEK_SET}, {off_t{0}, SEEK_END}, {LONG_MAX, SEEK_CUR}}) {
+        EXPECT_EQ(archive_seek(filter.get(), offset, whence), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(archive_rewrite(filter.get()), -1) << "nothing failed";
+    EXPECT_EQ(archive_seek(filter.get(), -1, SEEK_CUR), 5);
+    EXPECT_EQ(archive_write(filter.get(), "x", 1), -1) << "backward";
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(archive_seek(filter.get(), 1, SEEK_CUR), 7) << "counted from the end again";
+    EXPECT_EQ(archive_write(filter.get(), "x", 1), 1);
+    EXPECT_EQ(archive_close(&filter), 0);
+    EXPECT_EQ(readFile(path), std::string("abcdef\0x", 8));
+    filter = create(LOCKED);
+    EXPECT_EQ(archive_write(filter.get(), "abc", 3), 3);
+    EXPECT_EQ(archive_close(&filter), -1) << "no whole cipher unit";
+    EXPECT_FALSE(filter);
+    EXPECT_TRUE(root.logged("3 bytes remain in encryption input buffer"));
+    configure("zlib", "CompressionSegmentKB=3\n");
+    filter = create(ZIPPED);
+    EXPECT_EQ(archive_write(filter.get(), "abc", 3), -1) << "no factor of 10 MB";
+    EXPECT_EQ(archive_close(&filter), -1);
+}
+
+}  // namespace
