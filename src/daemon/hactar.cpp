@@ -139,16 +139,14 @@ int sendHactar(std::uint64_t backupNo, const std::string& target, std::int64_t t
     LOG_HERE(3, "Check if encrypted");
     bool encrypted = false;
     (void)dq_is_backup_encrypted(backupNo, &encrypted);  // an unknown one counts as plain
-    if (encrypted) {
-        LOG_HERE(3, "encrypted: putEncryptedFile()");
-        LOG_HERE(0, "Encrypted files can't be sent by this version");
-        LOG_HERE(0, "Failed to send encrypted Hactar, backup_no:%u", static_cast<unsigned>(backupNo));
-        return -1;
-    }
-    LOG_HERE(3, "not encrypted: putFile()");
+    LOG_HERE(3, "%s", encrypted ? "encrypted: putEncryptedFile()" : "not encrypted: putFile()");
     *curlCode = 0;
-    if (putFile(target, path, targetBackupNo, curlCode, elapsed) < 0 || *curlCode != 0) {
-        LOG_HERE(0, "Failed to send Hactar");
+    const int rc = (encrypted ? putEncryptedFile : putFile)(target, path, targetBackupNo, curlCode, elapsed);
+    if (rc < 0 || *curlCode != 0) {
+        if (encrypted)
+            LOG_HERE(0, "Failed to send encrypted Hactar, backup_no:%u", static_cast<unsigned>(backupNo));
+        else
+            LOG_HERE(0, "Failed to send Hactar");
         logCurl(*curlCode);
         return -1;
     }

@@ -6,6 +6,7 @@
 
 #include "daemon/daemon_fixture.h"
 #include "foundation/directories.h"
+#include "support/key_service.h"
 
 namespace testsupport {
 namespace {
@@ -79,7 +80,7 @@ TEST_F(Hactar, IsRemovedOnceAndGoneIsRemoved) {
     EXPECT_EQ(removeHactar(8), -1) << "never below the root directory";
 }
 
-TEST_F(Hactar, EncryptedOneIsNotSentInTheClear) {
+TEST_F(Hactar, EncryptedOneIsSentDecryptedOrNotAtAll) {
     Target target;
     const fs::path disk = device();
     backup(7, 2, 1000, "properties = 768");
@@ -88,6 +89,13 @@ TEST_F(Hactar, EncryptedOneIsNotSentInTheClear) {
     EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), -1);
     EXPECT_TRUE(target.requests().empty());
     EXPECT_TRUE(root.logged("Failed to send encrypted Hactar, backup_no:7"));
+    const lab::Process service = startKeyService(root);
+    writeFile(disk / "hactar_7", sealed("secret of thirty-two characters."));
+    EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), 0);
+    EXPECT_EQ(target.request("f").body, "secret of thirty-two characters.");
+    EXPECT_EQ(g_bytesSent, 1536u + 32u);
+    g_bytesSent = 0;
+    writeFile(disk / "hactar_7", "secret");
     catalogue.sql("UPDATE dq.backups SET properties = 512");
     EXPECT_EQ(sendHactar(7, target.name(), 77, 12, &curlCode), 0);
     EXPECT_EQ(target.request("f").body, "secret");
