@@ -3,10 +3,8 @@
 // A hash ID is one byte of a lock file, at its low 30 bits: two IDs may share a byte and then block each other, which
 // is accepted. Entries without hashID_in are counted and not locked.
 //
-// POSIX record locks belong to the process as a whole and vanish when any descriptor of the file closes. So the process
-// opens the file once and keeps it, and counts here who holds a byte: a handle neither loses its lock to another handle
-// of the process nor gets a byte that the other one holds exclusively. A handle may take a byte again, also in the
-// other mode; each unlock undoes one lock.
+// A handle neither loses its lock to another handle of the process nor gets an ID that the other one holds exclusively;
+// it may take one again, also in the other mode. byte_lock.h tells how.
 //
 // Threads: handles of different threads may lock at the same time; one handle belongs to one thread.
 // Errors:  the number of entries handled, -1 if not even the first one was; the caller unlocks what was handled. A

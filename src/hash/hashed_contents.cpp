@@ -152,7 +152,7 @@ std::int64_t fetch(Read* read) {
     const std::span<std::byte> target = chooseTarget(read, remaining);
     std::int64_t came = STORE_UNAVAILABLE;
     if ((read->record->flags & STORE_FLAGS) != 0)
-        came = readStoredSubfile(*read->record, read->offset, target);
+        came = readStoredSubfile(&read->handle->store, *read->record, read->offset, target);
     if (came == STORE_UNAVAILABLE)
         came = readFromBackup(*read, target);
     return finish(read, target, came);

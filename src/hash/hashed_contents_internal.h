@@ -8,6 +8,7 @@
 #include "archive/archiverw.h"
 #include "hash/hash_private.h"
 #include "hash/hashed_contents.h"
+#include "sis/SIS.h"
 
 // Data of one block that was read ahead. Synthetic hash IDs are used again, so the digest counts too when it is known.
 struct ReadAhead {
@@ -39,6 +40,7 @@ struct hashedContents {
     std::string backupPath;
     std::uint64_t backupNumber = 0;
     bool backupLocked = false;
+    SISPtr store;  // opened when the first block lies in it
     ReadAhead ahead;
     Announcement announced;
     std::uint64_t maxSubfileBytes = 0;  // asked of the platform once a handle, 0 not yet

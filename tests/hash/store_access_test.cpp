@@ -1,0 +1,85 @@
+// Blocks that lie in the single instance store, as readers of hashed contents see them.
+
+#include "hash/store_access.h"
+
+#include <filesystem>
+
+#include "hash/hashed_contents.h"
+#include "support/hashed_backup.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testsupport::randomBytes;
+using testsupport::recordOf;
+using testsupport::writeFile;
+
+class StoreAccess : public testsupport::HashedBackup {
+protected:
+    StoreAccess() {
+        fs::create_directories(root / "backups");
+        std::string page(4096, '\0');
+        const std::uint64_t sizes[] = {8192, 0x1000000};
+        std::memcpy(&page[24], sizes, sizeof sizes);
+        writeFile(root / "backups/SISinfo", page);
+        catalogue.sql("UPDATE dq.devices SET dedup = true, capacity = 134217728");
+        root.masterIni("[fileDedup]\n  useSIScompression=true\n  maxSubfileBytes=8192\n");
+        makeBackup(1, {data});
+    }
+    ~StoreAccess() override { tellCompressedLengthColumn(false); }
+
+    void moveToStore() {
+        HashValuesPtr hashes;
+        const SISPtr store = openStoreForWriting(&hashes);
+        ASSERT_TRUE(store);
+        hashValue stored = recordOf(data);
+        ASSERT_EQ(reserveSIS(store.get(), &stored.SISoffset, static_cast<std::int64_t>(data.size())), 0);
+        const auto bytes = std::as_bytes(std::span(data.data(), data.size()));
+        ASSERT_EQ(writeSISsubfile(store.get(), bytes, stored.SISoffset, &stored), static_cast<ssize_t>(data.size()));
+        stored.flags = hashValue_in | SISoffset_in;
+        ASSERT_GE(updateSISoffsets(&hashes, {&stored, 1}), 0);
+        catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = 1");
+    }
+
+    // The result of a read, and whether the bytes were right.
+    std::int64_t read(std::size_t count, std::int64_t offset) {
+        std::vector<std::byte> buffer(count);
+        const std::int64_t got = readHashedContents(&handle, &record, buffer, offset);
+        if (got > 0) {
+            EXPECT_EQ(std::memcmp(buffer.data(), data.data() + offset, static_cast<std::size_t>(got)), 0);
+        }
+        return got;
+    }
+
+    const std::string data = randomBytes(200000, 1) + std::string(300000, 'c') + randomBytes(11 << 10, 2);
+    hashValue record = recordOf(data);
+    HashedContentsPtr handle;
+};
+
+TEST_F(StoreAccess, ABlockThatMovedIntoTheStoreBetweenTwoReadsIsReadFromThere) {
+    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    moveToStore();
+    EXPECT_NE(catalogue.value("SELECT compressed_length FROM dq.hash_values"), "0");
+    fs::remove(fileOf(1));
+    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    EXPECT_EQ(read(100, 250000), 100);
+    EXPECT_TRUE(root.logged("Data buffered (261264 bytes), transfer 100 bytes")) << "to the end of the block";
+    EXPECT_EQ(read(1000, 100), 1000) << "before what is buffered";
+    EXPECT_EQ(read(1000, static_cast<std::int64_t>(data.size()) - 10), 10);
+}
+
+TEST_F(StoreAccess, AStoreThatCannotBeOpenedLeavesTheBackupsAndOneThatCannotBeReadFails) {
+    moveToStore();
+    catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = NULL");
+    const std::string info = testsupport::readFile(root / "backups/SISinfo");
+    writeFile(root / "backups/SISinfo", "\x07" + info.substr(1));
+    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    EXPECT_TRUE(root.logged("Can't handle single instance store version 0x00000007"));
+    writeFile(root / "backups/SISinfo", info);
+    fs::resize_file(root / "disk/SIS/0000000000000000", 100000);
+    EXPECT_EQ(read(data.size(), 0), -1);
+    EXPECT_TRUE(root.logged("Error or premature end-of-file reading single instance store"));
+    EXPECT_EQ(read(1000, 5), -1) << "and nothing of it is buffered";
+}
+
+}  // namespace

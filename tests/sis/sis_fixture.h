@@ -1,0 +1,125 @@
+// sis_fixture.h - a store of small files on disks of the test's root.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sis/SIS.h"
+#include "support/catalogue.h"
+#include "support/key_service.h"
+#include "support/root.h"
+
+namespace testsupport {
+
+inline constexpr std::uint64_t SMALL_FILE = 0x1000000;
+inline constexpr std::uint64_t STORE_BLOCK = 8192;
+inline constexpr std::uint64_t CAPACITY_UNIT = 0x8000000;
+
+inline std::string noise(std::size_t size, std::uint64_t seed) {
+    std::mt19937_64 random(seed);
+    std::string bytes(size + 8, '\0');
+    for (std::size_t at = 0; at < size; at += 8) {
+        const std::uint64_t word = random();
+        std::memcpy(&bytes[at], &word, sizeof word);
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+inline std::span<const std::byte> bytesOf(const std::string& text) {
+    return std::as_bytes(std::span(text.data(), text.size()));
+}
+inline std::span<std::byte> roomOf(std::string& text) {
+    return std::as_writable_bytes(std::span(text.data(), text.size()));
+}
+
+// Writes or reads all of it; false at the first failure.
+inline bool writeAt(SIS* sis, const std::string& data, std::uint64_t offset) {
+    for (std::size_t done = 0; done < data.size();) {
+        const ssize_t n = writeSIS(sis, bytesOf(data).subspan(done), offset + done);
+        if (n < 1)
+            return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+inline std::string readAt(SIS* sis, std::size_t count, std::uint64_t offset) {
+    std::string data(count, '\0');
+    for (std::size_t done = 0; done < count;) {
+        const ssize_t n = readSIS(sis, roomOf(data).subspan(done), offset + done);
+        if (n < 1)
+            return "failed";
+        done += static_cast<std::size_t>(n);
+    }
+    return data;
+}
+
+class Store : public ::testing::Test {
+protected:
+    Store() : catalogue(Catalogue::instance()) {
+        catalogue.reset();
+        std::filesystem::create_directories(root / "backups");
+    }
+
+    void addDisk(int number, const std::string& name, std::uint64_t capacity = CAPACITY_UNIT, bool isDeleted = false) {
+        std::filesystem::create_directories(disk(name));
+        catalogue.sql(
+            "INSERT INTO dq.devices (device_no, dev_nr_name, device_type, dedup, capacity, is_deleted) VALUES (" +
+            std::to_string(number) + ", '" + disk(name) + "', 128, true, " + std::to_string(capacity) +
+            (isDeleted ? ", true)" : ", false)"));
+    }
+    std::string disk(const std::string& name) const { return root / ("disks/" + name); }
+    std::string fileOn(const std::string& name, std::uint64_t offset) const {
+        char text[32];
+        (void)snprintf(text, sizeof text, "%016lX", offset);
+        return disk(name) + "/SIS/" + text;
+    }
+
+    // The info file of a store with small files, as its maker would leave it before the first opening.
+    void presetSizes(std::uint64_t limit = SMALL_FILE, std::uint64_t blockSize = STORE_BLOCK) {
+        std::string page(4096, '\0');
+        std::memcpy(&page[24], &blockSize, sizeof blockSize);
+        std::memcpy(&page[32], &limit, sizeof limit);
+        writeFile(info(), page);
+    }
+    std::filesystem::path info() const { return root / "backups/SISinfo"; }
+
+    template <typename T>
+    T inInfo(std::size_t at) const {
+        T value{};
+        const std::string file = readFile(info());
+        std::memcpy(&value, &file.at(at), sizeof value);
+        return value;
+    }
+    template <typename T>
+    void setInInfo(std::size_t at, T value) const {
+        std::string file = readFile(info());
+        std::memcpy(&file.at(at), &value, sizeof value);
+        writeFile(info(), file);
+    }
+
+    // The one reservation that most tests need, with data in it.
+    std::uint64_t put(SIS* sis, const std::string& data) {
+        std::uint64_t offset = 0;
+        EXPECT_EQ(reserveSIS(sis, &offset, static_cast<std::int64_t>(data.size())), 0);
+        EXPECT_TRUE(writeAt(sis, data, offset));
+        return offset;
+    }
+
+    void needKeyService() {
+        writeFile(root / "var/opt/kestrelix/platform_capabilities", "encryption\n");
+        keyService = std::make_unique<lab::Process>(startKeyService(root));
+    }
+
+    TestRoot root;
+    Catalogue& catalogue;
+    std::unique_ptr<lab::Process> keyService;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,229 @@
+// The info file: its bytes, its devices, and what is refused.
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <map>
+
+#include "foundation/file_descriptor.h"
+#include "sis/lookup3.h"
+#include "sis_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testsupport::CAPACITY_UNIT;
+using testsupport::readFile;
+using testsupport::SMALL_FILE;
+using testsupport::writeFile;
+
+using SISmap = testsupport::Store;
+
+TEST(Lookup3, GivesThePublishedValues) {
+    EXPECT_EQ(hashlittle("", 0), 0xdeadbeefu);
+    EXPECT_EQ(hashlittle("", 0xdeadbeef), 0xbd5b7ddeu);
+    EXPECT_EQ(hashlittle("Four score and seven years ago", 0), 0x17770551u);
+    EXPECT_EQ(hashlittle("Four score and seven years ago", 1), 0xcd628161u);
+    const std::uint32_t one[] = {1}, zero[] = {0, 0}, file1[] = {0, 8}, last[] = {0xC0000000, 7};
+    EXPECT_EQ(hashword(one, 0), 0x72a82a9bu);
+    EXPECT_EQ(hashword(zero, 0), 0x58c184bfu);
+    EXPECT_EQ(hashword(file1, 0), 0x7aa43c48u);
+    EXPECT_EQ(hashword(last, 0), 0x231dd121u);
+}
+
+TEST_F(SISmap, ANewStoreHasItsHeaderItsDevicesAndItsRingInPlace) {
+    addDisk(1, "a", 3 * CAPACITY_UNIT + 5);
+    addDisk(2, "longer", 1000 * CAPACITY_UNIT);
+    addDisk(3, "small", CAPACITY_UNIT - 1);
+    addDisk(4, "away", 2 * CAPACITY_UNIT, true);
+    fs::create_directories(disk("away") + "/SIS");
+    const SISPtr sis = openSIS();
+    ASSERT_TRUE(sis);
+    EXPECT_EQ(getDeduplicationBlockSize(sis.get()), 8192);
+    const std::string file = readFile(info());
+    EXPECT_EQ(file.size() % 4096, 0u);
+    EXPECT_EQ(inInfo<std::uint32_t>(64), file.size());
+    EXPECT_EQ(inInfo<std::uint32_t>(0), 0u);
+    EXPECT_EQ(inInfo<std::uint64_t>(24), 8192u);
+    EXPECT_EQ(inInfo<std::uint64_t>(32), 0x800000000u);
+    EXPECT_EQ(inInfo<std::uint64_t>(40), 0u);
+    EXPECT_EQ(inInfo<std::uint64_t>(48), 72u);
+    // The list: longest directory first; a disk too small and without files isn't in it, a deleted one with files is.
+    struct Expected {
+        std::string directory;
+        std::uint32_t weight;
+        std::uint8_t flags;
+    };
+    std::size_t at = 72;
+    for (const Expected& e : {Expected{disk("longer") + "/SIS/", 256, 0}, Expected{disk("away") + "/SIS/", 2, 3},
+                              Expected{disk("a") + "/SIS/", 3, 0}}) {
+        EXPECT_EQ(inInfo<std::uint32_t>(at), e.weight) << e.directory;
+        EXPECT_EQ(inInfo<std::uint8_t>(at + 4), e.flags) << e.directory;
+        EXPECT_STREQ(&file[at + 5], e.directory.c_str());
+        at += (e.directory.size() + 15) / 8 * 8;
+    }
+    EXPECT_EQ(inInfo<std::uint64_t>(at), 0u) << "the end of the list";
+    const auto ring = inInfo<std::uint64_t>(56);
+    EXPECT_EQ(ring, at + 8);
+    ASSERT_EQ(inInfo<std::uint32_t>(68), 256u + 2 + 3) << "deleted devices stay on the ring";
+    std::uint32_t last = 0;
+    for (std::size_t i = 0; i < 261; ++i) {
+        const auto hash = inInfo<std::uint32_t>(ring + 16 * i + 8);
+        EXPECT_LE(last, hash);
+        last = hash;
+    }
+    EXPECT_EQ(file.find_first_not_of('\0', ring + 261 * 16), std::string::npos);
+}
+
+TEST_F(SISmap, AFileGoesToTheDeviceOfTheNextPointAndFewMoveWhenADiskIsAdded) {
+    presetSizes();
+    addDisk(1, "one", 20 * CAPACITY_UNIT);
+    addDisk(2, "other", 30 * CAPACITY_UNIT);
+    SISPtr sis = openSIS();
+    ASSERT_TRUE(sis);
+    const auto places = [&] {
+        std::vector<std::string> list;
+        for (std::uint64_t file = 0; file < 500; ++file) {
+            SISdevice device;
+            EXPECT_EQ(placeOfSISoffset(sis.get(), file * SMALL_FILE + 4711, &device), 0);
+            list.push_back(device.directory);
+        }
+        return list;
+    };
+    // The same by looking at every point there is.
+    const auto before = places();
+    const std::map<std::string, std::uint32_t> weights{{disk("one") + "/SIS/", 20}, {disk("other") + "/SIS/", 30}};
+    for (std::uint64_t file = 0; file < before.size(); ++file) {
+        const std::uint64_t first = file * SMALL_FILE;
+        const std::uint32_t words[] = {static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(first >> 32)};
+        const std::uint32_t key = hashword(words, 0);
+        std::pair<std::uint32_t, std::string> nearest{0xffffffff, ""};
+        for (const auto& [directory, weight] : weights)
+            for (std::uint32_t r = 1; r <= weight; ++r)
+                nearest = std::min(nearest, {hashword({&r, 1}, hashlittle(directory, 0)) - key, directory});
+        EXPECT_EQ(before[file], nearest.second);
+    }
+    addDisk(3, "third", 10 * CAPACITY_UNIT);
+    const SISPtr updater = openSIS();  // the first handle follows at its next use
+    const auto after = places();
+    int moved = 0;
+    for (std::size_t i = 0; i < after.size(); ++i)
+        if (after[i] != before[i]) {
+            ++moved;
+            EXPECT_EQ(after[i], disk("third") + "/SIS/");
+        }
+    EXPECT_GT(moved, 20);
+    EXPECT_LT(moved, 200);
+}
+
+TEST_F(SISmap, ADiskThatLeavesTheCatalogueIsReadUntilItsDirectoryGoes) {
+    presetSizes();
+    addDisk(1, "one");
+    SISPtr sis = openSIS();
+    ASSERT_TRUE(sis);
+    const std::string data = testsupport::noise(50000, 1);
+    const std::uint64_t offset = put(sis.get(), data);
+    EXPECT_TRUE(root.logged("New single instance store file: " + fileOn("one", 0)));
+    catalogue.sql("DELETE FROM dq.devices");
+    addDisk(2, "two");
+    sis = openSIS();
+    EXPECT_EQ(testsupport::readAt(sis.get(), data.size(), offset), data);
+    std::uint64_t second = 0;
+    ASSERT_EQ(reserveSIS(sis.get(), &second, SMALL_FILE), 0);
+    EXPECT_TRUE(fs::exists(fileOn("two", SMALL_FILE))) << "new files avoid it";
+    sis.reset();
+    fs::remove_all(disk("one"));
+    sis = openSIS();
+    EXPECT_TRUE(root.logged("Removing " + disk("one") + "/SIS/ from our device list"));
+    EXPECT_EQ(testsupport::readAt(sis.get(), 10, offset), "failed");
+    EXPECT_TRUE(root.logged("Can't find existing single instance store file for offset 0x0, canCreate(0)"));
+    // A file that someone moved is found all the same.
+    std::uint64_t at = 0;
+    std::string device;
+    EXPECT_EQ(pathToSISoffset(&at, &device, sis.get(), fileOn("two", SMALL_FILE)), 0);
+    EXPECT_EQ(at, SMALL_FILE);
+    EXPECT_EQ(device, disk("two") + "/SIS/");
+    EXPECT_EQ(pathToSISoffset(&at, &device, sis.get(), fileOn("two", 4096)), -1);
+    EXPECT_EQ(pathToSISoffset(&at, &device, sis.get(), fileOn("one", 0)), -1);
+    catalogue.sql("DELETE FROM dq.devices");
+    fs::remove_all(disk("two"));
+    sis.reset();
+    EXPECT_FALSE(openSIS()) << "no devices at all";
+    EXPECT_TRUE(root.logged("No devices"));
+}
+
+TEST_F(SISmap, WhoComesBeforeItIsSetUpIsToldSo) {
+    addDisk(1, "one");
+    const auto openBeside = [&] {
+        const FileDescriptor other(open(info().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(flock(other.get(), LOCK_SH), 0);
+        return openSIS() != nullptr;
+    };
+    EXPECT_FALSE(openBeside());
+    EXPECT_TRUE(root.logged("The single instance store isn't ready -- empty info file."));
+    presetSizes(SMALL_FILE, 0);
+    EXPECT_FALSE(openBeside());
+    EXPECT_TRUE(root.logged("The single instance store isn't ready -- block size = 0."));
+    presetSizes(0);
+    EXPECT_FALSE(openBeside());
+    EXPECT_TRUE(root.logged("The single instance store isn't ready -- file size limit = 0."));
+    EXPECT_TRUE(openSIS());
+    EXPECT_TRUE(openBeside());
+}
+
+TEST_F(SISmap, DamageIsRefusedOrMended) {
+    addDisk(1, "one");
+    const struct {
+        const char* what;
+        std::size_t at;
+        std::uint64_t value;
+        bool mends;
+    } cases[] = {
+        {"another version", 0, 1, false},
+        {"a limit that isn't whole pages", 32, 12345, false},
+        {"a block size that divides nothing", 24, 8192 + 512, false},
+        {"a list in another place", 48, 80, false},
+        {"a list beyond the file", 48, 1ull << 40, false},
+        {"a ring beyond the file", 56, 1ull << 40, false},
+        {"a length beyond the file", 64, 1u << 20, false},
+        {"a length that isn't whole pages", 64, 5000, false},
+        {"a directory that is none", 77, 0x2f2f2f2f2f2f2f2f, true},
+        {"a ring entry without a device", 56, 200, true},
+    };
+    const std::string sane = [&] {
+        presetSizes();
+        const SISPtr sis = openSIS();
+        EXPECT_TRUE(sis);
+        return readFile(info());
+    }();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        writeFile(info(), sane);
+        setInInfo(c.at, c.value);
+        const FileDescriptor other(open(info().c_str(), O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(flock(other.get(), LOCK_SH), 0);
+        (void)openSIS();  // as a reader beside others: whatever it says, it lives
+        ASSERT_EQ(flock(other.get(), LOCK_UN), 0);
+        EXPECT_EQ(openSIS() != nullptr, c.mends);
+    }
+}
+
+TEST_F(SISmap, DevicesAndKeysOfStoreFilesAreFoundByTheirPaths) {
+    presetSizes(0x800000000);
+    addDisk(1, "d");
+    addDisk(2, "d/deeper_%");
+    addDisk(3, "dd");
+    const SISPtr sis = openSIS();
+    ASSERT_TRUE(sis);
+    EXPECT_EQ(findDeviceNumber(fileOn("d", 0)), 1);
+    EXPECT_EQ(findDeviceNumber(fileOn("d/deeper_%", 0)), 2);
+    EXPECT_EQ(findDeviceNumber(fileOn("dd", 0)), 3);
+    EXPECT_EQ(findDeviceNumber(fileOn("e", 0)), -1);
+    EXPECT_EQ(findDeviceNumber(disk("d") + "/backup_1"), -1);
+    EXPECT_TRUE(root.logged("Malformed SIS file path - can't find '/SIS/': " + disk("d") + "/backup_1"));
+    EXPECT_EQ(generateSISoffset_smgrKey(sis.get(), 0x7FFFFFFFF), 0x73000000u);
+    EXPECT_EQ(generateSISoffset_smgrKey(sis.get(), 0x1234500000000), 0x73000000u ^ 0x12340u)
+        << "the file's first offset";
+}
+
+}  // namespace
