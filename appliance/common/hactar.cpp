@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "foundation/file_descriptor.h"
 #include "foundation/services.h"
 
 namespace hactar {
@@ -17,7 +18,7 @@ namespace {
 
 constexpr char MAGIC[8] = {'F', 'H', 'A', 'C', 'T', 'A', 'R', '1'};
 constexpr std::size_t BUFFER_SIZE = 1 << 16;
-constexpr mode_t FILE_MODE = 0640;
+constexpr std::size_t CIPHER_UNIT = 32;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -80,10 +81,11 @@ std::uint64_t takeNumber(Source& source) {
 
 }  // namespace
 
-Writer::Writer(const std::filesystem::path& path, std::uint64_t backupNo)
+Writer::Writer(const std::filesystem::path& path, std::uint64_t backupNo, bool isEncrypted)
     : path_(path), temporary_(path.string() + ".tmp") {
-    file_.reset(open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
-    if (!file_.isOpen())
+    (void)unlink(temporary_.c_str());  // left behind by a death
+    file_ = archive_open(temporary_.c_str(), "w", isEncrypted ? ARCHIVE_ENCRYPTED : 0);
+    if (!file_)
         fail(temporary_.string());
     append(MAGIC, sizeof MAGIC);
     append(&backupNo, sizeof backupNo);
@@ -95,16 +97,14 @@ Writer::~Writer() {
 }
 
 void Writer::append(const void* bytes, std::size_t count) {
-    buffer_.append(static_cast<const char*>(bytes), count);
-    if (buffer_.size() >= BUFFER_SIZE)
-        flush();
+    digest_.add(bytes, count);
+    put(bytes, count);
 }
 
-void Writer::flush() {
-    digest_.add(buffer_.data(), buffer_.size());
-    if (safe_write(file_.get(), buffer_.data(), static_cast<int>(buffer_.size())) != static_cast<int>(buffer_.size()))
+void Writer::put(const void* bytes, std::size_t count) {
+    if (archive_write(file_.get(), bytes, count) == -1)
         fail(temporary_.string());
-    buffer_.clear();
+    fileSize_ += count;
 }
 
 void Writer::literal(std::span<const std::byte> bytes) {
@@ -128,12 +128,22 @@ void Writer::block(std::uint64_t length, const Sha512& digest) {
 void Writer::finish() {
     append("E", 1);
     append(&total_, sizeof total_);
-    flush();
     const Sha512 digest = digest_.finish();
-    if (safe_write(file_.get(), digest.data(), static_cast<int>(digest.size())) != static_cast<int>(digest.size()) ||
-        fsync(file_.get()) == -1 || rename(temporary_.c_str(), path_.c_str()) == -1)
+    put(digest.data(), digest.size());
+    static constexpr char PADDING[CIPHER_UNIT] = {};
+    put(PADDING, (CIPHER_UNIT - fileSize_ % CIPHER_UNIT) % CIPHER_UNIT);
+    close();
+    if (rename(temporary_.c_str(), path_.c_str()) == -1)
         fail(path_.string());
     finished_ = true;
+}
+
+void Writer::close() {
+    if (archive_close(&file_) == -1)
+        fail(temporary_.string());
+    const FileDescriptor file(open(temporary_.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen() || fsync(file.get()) == -1)
+        fail(temporary_.string());
 }
 
 std::uint64_t read(const std::filesystem::path& path, const Visitor& visitor) {

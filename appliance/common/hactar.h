@@ -5,7 +5,8 @@
 //   'L'  literal bytes:  u64 length (at most HACTAR_LITERAL_LIMIT), the bytes
 //   'B'  one block:      u64 length, 64 bytes SHA-512
 //   'E'  the end:        u64 length of the whole stream, 64 bytes SHA-512 of all bytes of this file before this digest
-// A file without its 'E' is torn.
+// A file without its 'E' is torn; what follows the 'E' is padding. That of an encrypted backup is encrypted like the
+// backup itself, and padded to whole cipher units; it is decrypted on its way to a vault.
 #pragma once
 
 #include <array>
@@ -17,8 +18,8 @@
 #include <span>
 #include <string>
 
+#include "archive/archiverw.h"
 #include "common/digest.h"
-#include "foundation/file_descriptor.h"
 
 namespace hactar {
 
@@ -27,7 +28,7 @@ inline constexpr std::uint64_t LITERAL_LIMIT = 1u << 20;  // bytes
 // Writes a file beside `path` and puts it in place when finished. All failures throw std::runtime_error.
 class Writer {
 public:
-    Writer(const std::filesystem::path& path, std::uint64_t backupNo);
+    Writer(const std::filesystem::path& path, std::uint64_t backupNo, bool isEncrypted);
     ~Writer();
     void literal(std::span<const std::byte> bytes);
     void block(std::uint64_t length, const Sha512& digest);
@@ -35,13 +36,14 @@ public:
 
 private:
     void append(const void* bytes, std::size_t count);
-    void flush();
+    void put(const void* bytes, std::size_t count);
+    void close();
 
     std::filesystem::path path_;
     std::filesystem::path temporary_;
-    FileDescriptor file_;
+    ArchiveFilterPtr file_;
     Sha512Stream digest_;
-    std::string buffer_;
+    std::uint64_t fileSize_ = 0;
     std::uint64_t total_ = 0;
     bool finished_ = false;
 };

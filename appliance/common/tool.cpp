@@ -44,7 +44,9 @@ Device deviceOf(std::uint64_t backupNo) {
 }
 
 std::filesystem::path backupFile(const Device& device, std::uint64_t backupNo) {
-    return device.directory / ("backup_" + std::to_string(backupNo));
+    const std::filesystem::path plain = device.directory / ("backup_" + std::to_string(backupNo));
+    const std::filesystem::path compressed = plain.string() + COMPRESSED_SUFFIX;
+    return std::filesystem::exists(compressed) ? compressed : plain;
 }
 
 std::uint64_t backupNumber(const char* text) {

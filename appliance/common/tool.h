@@ -26,7 +26,8 @@ struct Device {
 [[nodiscard]] Device firstDisk();
 [[nodiscard]] Device deviceOf(std::uint64_t backupNo);
 
-// The file of a backup on its device.
+// The file of a backup on its device: that with the suffix of compressed ones, if it is there.
+inline constexpr char COMPRESSED_SUFFIX[] = ".gz";
 [[nodiscard]] std::filesystem::path backupFile(const Device& device, std::uint64_t backupNo);
 
 // Parses a backup number that must be all of the text; 0 for none.

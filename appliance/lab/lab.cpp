@@ -67,10 +67,6 @@ fs::path prepareRoot(const fs::path& root) {
 
 }  // namespace
 
-fs::path programDirectory() {
-    return fs::read_symlink("/proc/self/exe").parent_path();
-}
-
 Appliance::Appliance(const fs::path& directory, bool diesWithParent)
     : root_(prepareRoot(directory / "root")),
       cluster_(directory / "postgresql", diesWithParent),
@@ -85,9 +81,11 @@ void Appliance::addDisk() const {
 }
 
 void Appliance::reset() {
+    stopKeyService();
     sql(std::string("DROP SCHEMA dq CASCADE;") + SCHEMA_SQL + SEED_SQL);
     addDisk();
-    for (const fs::path& directory : {disk(), logs(), root_ / "tmp", root_ / "var/run"}) {
+    fs::remove(root_ / "backups/SISinfo");
+    for (const fs::path& directory : {disk(), logs(), root_ / "tmp", root_ / "var/run", root_ / "var/opt/kestrelix"}) {
         fs::remove_all(directory);
         fs::create_directories(directory);
     }
@@ -95,7 +93,9 @@ void Appliance::reset() {
 }
 
 fs::path Appliance::backupFile(std::uint64_t backupNo) const {
-    return disk() / ("backup_" + std::to_string(backupNo));
+    const fs::path plain = disk() / ("backup_" + std::to_string(backupNo));
+    const fs::path compressed = plain.string() + ".gz";
+    return fs::exists(compressed) ? compressed : plain;
 }
 
 std::map<std::string, std::string> Appliance::environment() const {
@@ -108,13 +108,21 @@ std::map<std::string, std::string> Appliance::environment() const {
             {"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}};
 }
 
-Process Appliance::start(const std::vector<std::string>& command, const std::string& output) const {
+ProcessOptions Appliance::processOptions(const std::string& output) const {
     ProcessOptions options;
     options.environment = environment();
     options.output = root_ / "tmp" / output;
     options.diesWithParent = diesWithParent_;
     options.ownGroup = true;
-    return {command, options};
+    return options;
+}
+
+Process Appliance::start(const std::vector<std::string>& command, const std::string& output) const {
+    return {command, processOptions(output)};
+}
+
+void Appliance::startKeyService() {
+    keyService_ = lab::startKeyService(root_, processOptions("cryptoDaemon.out"));
 }
 
 int Appliance::run(const std::vector<std::string>& command, std::string* output) const {
@@ -200,7 +208,14 @@ void Lab::addOperationTypes() const {
         throw std::runtime_error("ferryd util createtypes failed");
 }
 
+void Lab::setFurther(const std::string& sections) {
+    furtherSettings_ = sections;
+    writeSourceIni();
+}
+
 void Lab::useFirstSettings() {
+    furtherSettings_.clear();
+    streams_.clear();
     replication_ = {
         {"SyncTo", vaultName()}, {"Enabled", "true"}, {"QueueScheme", "1"}, {"TimeDelay", "1"}, {"CheckInterval", "1"}};
     writeSourceIni();
@@ -210,8 +225,8 @@ void Lab::useFirstSettings() {
 void Lab::writeSourceIni() {
     std::string text = "[Replication]\n";
     for (const auto& [key, value] : replication_)
-        text += "  " + key + "=" + value + "\n";
-    text += options_.sourceSettings + "[fileDedup]\n" + options_.dedupSettings +
+        text.append("  ").append(key).append("=").append(value).append("\n");
+    text += options_.sourceSettings + "[fileDedup]\n" + options_.dedupSettings + furtherSettings_ +
             "[LogRetentionInstances]\n  default=500\n[debugging]\n  ferryd=4\n  ferryd-util=4\n";
     source_.masterIni(text);
 }
@@ -244,14 +259,35 @@ void Lab::stopDaemon(int signal) {
         ::kill(-group, SIGKILL);
 }
 
-std::uint64_t Lab::ingest(const fs::path& directory, int type) {
+std::uint64_t Lab::ingest(const fs::path& directory, int type, const std::vector<std::string>& options) {
+    std::vector<std::string> command = {programDirectory() / "ingest", "--type", std::to_string(type)};
+    command.insert(command.end(), options.begin(), options.end());
+    command.push_back(directory);
     std::string output;
-    if (source_.run({programDirectory() / "ingest", "--type", std::to_string(type), directory}, &output) != 0)
+    if (source_.run(command, &output) != 0)
         throw std::runtime_error(output);
     // The number stands on the last line, behind what was left out.
     while (!output.empty() && output.back() == '\n')
         output.pop_back();
-    return std::stoull(output.substr(output.rfind('\n') + 1));
+    const std::uint64_t backupNo = std::stoull(output.substr(output.rfind('\n') + 1));
+    streams_[backupNo] = streamDigest(backupNo);
+    return backupNo;
+}
+
+// Of the clean stream, however the file keeps it.
+std::string Lab::streamDigest(std::uint64_t backupNo) const {
+    const fs::path file = source_.backupFile(backupNo);
+    const std::string properties =
+        source_.value("SELECT properties FROM dq.backups WHERE backup_no = " + std::to_string(backupNo));
+    const fs::path clean = source_.root() / "tmp/clean.stream";
+    if (properties == "0")
+        return fileDigest(file);
+    Process reader = source_.start({"/bin/sh", "-c", "exec \"$0\" read \"$1\" --properties \"$2\" >\"$3\"",
+                                    programDirectory() / "archiveTool", file, properties, clean},
+                                   "archiveTool.out");
+    if (reader.wait(std::chrono::minutes(5)) != 0)
+        throw std::runtime_error("the backup can't be read: " + readText(source_.root() / "tmp/archiveTool.out"));
+    return fileDigest(clean);
 }
 
 int Lab::queueStatus(std::uint64_t backupNo) const {
@@ -284,7 +320,7 @@ std::uint64_t Lab::targetNumber(std::uint64_t backupNo) const {
 
 bool Lab::sameOnVault(std::uint64_t backupNo) const {
     const std::uint64_t number = targetNumber(backupNo);
-    return number != 0 && fileDigest(source_.backupFile(backupNo)) == fileDigest(vault_.backupFile(number));
+    return number != 0 && streams_.at(backupNo) == fileDigest(vault_.backupFile(number));
 }
 
 std::string fileDigest(const fs::path& path) {

@@ -15,9 +15,6 @@
 
 namespace lab {
 
-// Directory of the built programs: that of the running one.
-[[nodiscard]] std::filesystem::path programDirectory();
-
 // One appliance: a root with its directories and ini files, a catalogue, one disk.
 class Appliance {
 public:
@@ -34,6 +31,11 @@ public:
     // Runs a program to its end; its exit status, and standard output if wanted.
     int run(const std::vector<std::string>& command, std::string* output = nullptr) const;
 
+    // What encrypts or decrypts on this appliance needs its key service.
+    void startKeyService();
+    void stopKeyService(int signal = SIGTERM) { keyService_.stop(signal); }
+    Process& keyService() { return keyService_; }
+
     // Replaces master.ini: its modification time rises each time, as the daemon looks for that.
     void masterIni(const std::string& text);
 
@@ -41,7 +43,8 @@ public:
     [[nodiscard]] std::string value(const std::string& query) const;
     void sql(const std::string& statements) const { runSql(cluster_.conninfo(), statements); }
 
-    // Back to a new appliance: an empty catalogue, no backups, no logs. No program may run on it.
+    // Back to a new appliance: an empty catalogue, no backups, no logs, no archive key. Ends the key service; no other
+    // program may run on it.
     void reset();
 
     // All logs of the programs that ran here, one behind the other.
@@ -49,10 +52,12 @@ public:
 
 private:
     void addDisk() const;
+    [[nodiscard]] ProcessOptions processOptions(const std::string& output) const;
 
     std::filesystem::path root_;
     Cluster cluster_;
     bool diesWithParent_;
+    Process keyService_;
 };
 
 struct LabOptions {
@@ -82,8 +87,9 @@ public:
     // Ends both programs and makes both appliances new, with the settings of the beginning.
     void reset();
 
-    // Makes a backup of a directory and returns its number.
-    std::uint64_t ingest(const std::filesystem::path& directory, int type = 1);
+    // Makes a backup of a directory and returns its number. Options are those of ingest.
+    std::uint64_t ingest(const std::filesystem::path& directory, int type = 1,
+                         const std::vector<std::string>& options = {});
 
     // Status of a backup's queue row, 0 for none.
     [[nodiscard]] int queueStatus(std::uint64_t backupNo) const;
@@ -92,20 +98,26 @@ public:
 
     // The number that a backup has on the vault, 0 if it isn't complete there.
     [[nodiscard]] std::uint64_t targetNumber(std::uint64_t backupNo) const;
-    // Whether the vault's rebuilt backup equals the source's, by SHA-512.
+    // Whether the vault's rebuilt backup equals the clean stream that was ingested here, by SHA-512.
     [[nodiscard]] bool sameOnVault(std::uint64_t backupNo) const;
 
     // Changes one key of section Replication; it takes effect with the daemon's next pass.
     void setReplication(const std::string& key, const std::string& value);
 
+    // Further lines of section fileDedup, and whole sections, for the source's master.ini.
+    void setFurther(const std::string& sections);
+
 private:
     void useFirstSettings();
     void addOperationTypes() const;
     void writeSourceIni();
+    [[nodiscard]] std::string streamDigest(std::uint64_t backupNo) const;
 
     std::filesystem::path directory_;
     LabOptions options_;
     std::map<std::string, std::string> replication_;
+    std::string furtherSettings_;
+    std::map<std::uint64_t, std::string> streams_;  // digests of the backups' clean streams
     Appliance source_;
     Appliance vault_;
     int vaultPort_;

@@ -25,6 +25,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds POLL{5};
+constexpr std::chrono::seconds KEY_SERVICE_LIMIT{30};
 
 std::vector<std::string> environmentOf(const ProcessOptions& options) {
     std::vector<std::string> result;
@@ -44,6 +45,7 @@ std::vector<std::string> environmentOf(const ProcessOptions& options) {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (std::string& text : texts)
         result.push_back(text.data());
     result.push_back(nullptr);
@@ -148,6 +150,24 @@ int run(const std::vector<std::string>& command, const ProcessOptions& options) 
     Process process(command, options);
     const int status = process.wait(std::chrono::hours(24));
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::filesystem::path programDirectory() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+}
+
+Process startKeyService(const std::filesystem::path& root, ProcessOptions options) {
+    const std::filesystem::path state = root / "var/run/cryptoDaemonState";
+    std::filesystem::remove(state);  // of one that was killed
+    options.environment["FERRYD_ROOT"] = root;
+    Process service({programDirectory() / "cryptoDaemon"}, options);
+    const auto deadline = Clock::now() + KEY_SERVICE_LIMIT;
+    while (!std::filesystem::exists(state)) {
+        if (!service.running() || Clock::now() > deadline)
+            throw std::runtime_error("the key service doesn't start");
+        std::this_thread::sleep_for(POLL);
+    }
+    return service;
 }
 
 int freePort() {

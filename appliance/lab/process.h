@@ -50,6 +50,12 @@ private:
 // Runs a command to its end. Returns its exit status, 128 + signal if it was killed.
 int run(const std::vector<std::string>& command, const ProcessOptions& options = {});
 
+// Directory of the built programs: that of the running one.
+[[nodiscard]] std::filesystem::path programDirectory();
+
+// Starts the key service of a root and waits until it can be asked; throws std::runtime_error if it doesn't come up.
+[[nodiscard]] Process startKeyService(const std::filesystem::path& root, ProcessOptions options);
+
 // A TCP port that was free on loopback a moment ago.
 [[nodiscard]] int freePort();
 

@@ -1,33 +1,31 @@
 // fileDedup -H<backup_no> - hashes a backup: cuts its stream into blocks, records them in the hash layer, and marks the
 // backup hashed. Exit status 3: another process holds the backup.
+// fileDedup -D<backup_no> [-P] - hashes it if needed, and moves its blocks into the single instance store; with -P
+// their bytes are cut out of the backup's file.
 //
 // The stream is cut where the content of a larger file begins and ends, and there into blocks of the subfile limit;
 // what lies between (headers, small files) is cut where its own bytes say so, so that an entry that was added or
 // removed moves the cuts around it only.
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <vector>
 
 #include "bookkeeping/common.h"
+#include "common/backup_reader.h"
 #include "common/ctar.h"
 #include "common/tool.h"
-#include "foundation/file_descriptor.h"
 #include "foundation/logger.h"
 #include "foundation/services.h"
 #include "hash/hashValues.h"
 #include "hash/hash_context.h"
+#include "store_mover.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int EXIT_LOCKED = 3;
 constexpr std::uint64_t LARGE_FILE = 64 << 10;      // bytes from which a file is cut by itself
@@ -46,22 +44,14 @@ struct LargeFile {
 
 class Deduplicator {
 public:
-    Deduplicator(const tool::Device& device, std::uint64_t backupNo) : backupNo_(backupNo) {
-        const fs::path path = tool::backupFile(device, backupNo);
-        file_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat st;
-        if (!file_.isOpen() || fstat(file_.get(), &st) == -1)
-            throw std::runtime_error(path.string() + ": " + strerror(errno));
-        if (flock(file_.get(), LOCK_EX | LOCK_NB) == -1)
+    Deduplicator(const tool::Device& device, std::uint64_t backupNo) : backupNo_(backupNo), stream_(device, backupNo) {
+        if (flock(stream_.descriptor(), LOCK_EX | LOCK_NB) == -1)
             throw Locked();
-        size_ = static_cast<std::uint64_t>(st.st_size);
+        size_ = stream_.size();
     }
 
     void hash() {
-        const PgResultPtr row = tool::need(
-            pgVExec("SELECT type, properties FROM backups WHERE backup_no = %lu", backupNo_), "find the backup");
-        if (pgTuples(row.get()) != 1)
-            throw std::runtime_error("the catalogue doesn't have the backup");
+        const PgResultPtr row = backupRow();
         limit_ = getMaxSubfileBytes(static_cast<int>(pgIVal(row.get(), 0, "type")), pgUVal(row.get(), 0, "properties"));
         for (const LargeFile& large : largeFiles()) {
             hashRun(large.offset);
@@ -73,7 +63,24 @@ public:
         complete();
     }
 
+    void moveToStore(const tool::Device& device, bool punches) {
+        if ((pgUVal(backupRow().get(), 0, "properties") & P_ANY_HASHED) == 0)
+            hash();
+        StoreMover mover(device, backupNo_, &stream_);
+        mover.move();
+        if (punches)
+            mover.punch();
+    }
+
 private:
+    PgResultPtr backupRow() const {
+        PgResultPtr row = tool::need(pgVExec("SELECT type, properties FROM backups WHERE backup_no = %lu", backupNo_),
+                                     "find the backup");
+        if (pgTuples(row.get()) != 1)
+            throw std::runtime_error("the catalogue doesn't have the backup");
+        return row;
+    }
+
     std::vector<LargeFile> largeFiles() const {
         const PgResultPtr rows = tool::need(pgVExec("SELECT size, blk_offset FROM backup_files WHERE backup_no = %lu "
                                                     "AND size >= %lu AND blk_offset >= 0 ORDER BY blk_offset",
@@ -128,25 +135,18 @@ private:
             record();
     }
 
-    // The bytes from `offset` on, at least `length` of them; valid until the next call.
+    // The bytes from `offset` on, at least `length` of them; valid until the next call. What is there stays: a backup
+    // is read once, from front to back.
     const std::byte* window(std::uint64_t offset, std::uint64_t length) {
-        if (offset < windowStart_ || offset + length > windowStart_ + windowFill_) {
+        if (offset + length > windowStart_ + windowFill_) {
             buffer_.resize(std::max<std::uint64_t>(buffer_.size(), std::max(length, WINDOW)));
+            const std::uint64_t kept = windowStart_ + windowFill_ - offset;
+            std::memmove(buffer_.data(), buffer_.data() + (windowFill_ - kept), kept);
             windowStart_ = offset;
             windowFill_ = std::min<std::uint64_t>(buffer_.size(), size_ - offset);
-            fill();
+            stream_.read(offset + kept, std::span(buffer_).subspan(kept, windowFill_ - kept));
         }
         return buffer_.data() + (offset - windowStart_);
-    }
-
-    void fill() {
-        for (std::uint64_t done = 0; done < windowFill_;) {
-            const ssize_t n =
-                pread(file_.get(), buffer_.data() + done, windowFill_ - done, static_cast<off_t>(windowStart_ + done));
-            if (n <= 0)
-                throw std::runtime_error("the backup file can't be read to its end");
-            done += static_cast<std::uint64_t>(n);
-        }
     }
 
     void record() {
@@ -168,7 +168,7 @@ private:
     }
 
     std::uint64_t backupNo_;
-    FileDescriptor file_;
+    tool::BackupReader stream_;
     std::uint64_t size_ = 0;
     std::uint64_t limit_ = 0;
     std::uint64_t position_ = 0;
@@ -184,15 +184,26 @@ private:
 
 int main(int argc, char** argv) {
     std::uint64_t backupNo = 0;
-    for (int key; (key = getopt(argc, argv, "H:")) != -1;)
-        backupNo = key == 'H' ? tool::backupNumber(optarg) : 0;
-    if (backupNo == 0 || optind != argc) {
-        fprintf(stderr, "Usage: fileDedup -H<backup_no>\n");
+    bool moves = false;
+    bool punches = false;
+    for (int key; (key = getopt(argc, argv, "H:D:P")) != -1;) {
+        moves = moves || key == 'D';
+        punches = punches || key == 'P';
+        if (key != 'P')
+            backupNo = key == '?' ? 0 : tool::backupNumber(optarg);
+    }
+    if (backupNo == 0 || optind != argc || (punches && !moves)) {
+        fprintf(stderr, "Usage: fileDedup -H<backup_no> | -D<backup_no> [-P]\n");
         return 2;
     }
     try {
         tool::start("fileDedup");
-        Deduplicator(tool::deviceOf(backupNo), backupNo).hash();
+        const tool::Device device = tool::deviceOf(backupNo);
+        Deduplicator deduplicator(device, backupNo);
+        if (moves)
+            deduplicator.moveToStore(device, punches);
+        else
+            deduplicator.hash();
         return 0;
     } catch (const Locked&) {
         LOG_HERE(0, "Backup %lu is locked by another process", backupNo);

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <vector>
 
+#include "archive/archiverw.h"
 #include "bookkeeping/common.h"
 #include "common/ctar.h"
 #include "common/tool.h"
@@ -26,6 +27,7 @@ namespace fs = std::filesystem;
 
 struct Options {
     int type = 1;
+    std::uint64_t properties = 0;
     std::string client = "localhost";
     fs::path directory;
 };
@@ -33,44 +35,36 @@ struct Options {
 // The stream of one backup as it is written.
 class Stream {
 public:
-    explicit Stream(const fs::path& path) : path_(path) {
-        file_.reset(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640));
-        if (!file_.isOpen())
+    Stream(const fs::path& path, std::uint64_t properties) : path_(path) {
+        filter_ = archive_open(path.c_str(), "w", properties);
+        if (!filter_)
             fail();
-        buffer_.reserve(LIMIT);
     }
 
     void add(const char* bytes, std::size_t count) {
-        buffer_.insert(buffer_.end(), bytes, bytes + count);
+        if (archive_write(filter_.get(), bytes, count) == -1)
+            fail();
         length_ += count;
-        if (buffer_.size() >= LIMIT)
-            flush();
     }
     void pad() {
         static constexpr char ZEROS[ctar::BLOCK] = {};
         add(ZEROS, (ctar::BLOCK - length_ % ctar::BLOCK) % ctar::BLOCK);
     }
+    // On the disk, before the catalogue says so.
     void finish() {
-        flush();
-        if (fsync(file_.get()) == -1)
+        if (archive_close(&filter_) == -1)
+            fail();
+        const FileDescriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file.isOpen() || fsync(file.get()) == -1)
             fail();
     }
     [[nodiscard]] std::uint64_t length() const { return length_; }
 
 private:
-    static constexpr std::size_t LIMIT = 1 << 20;
-
     [[noreturn]] void fail() const { throw std::runtime_error(path_.string() + ": " + strerror(errno)); }
-    void flush() {
-        const int count = static_cast<int>(buffer_.size());
-        if (safe_write(file_.get(), buffer_.data(), count) != count)
-            fail();
-        buffer_.clear();
-    }
 
     fs::path path_;
-    FileDescriptor file_;
-    std::vector<char> buffer_;
+    ArchiveFilterPtr filter_;
     std::uint64_t length_ = 0;
 };
 
@@ -87,9 +81,11 @@ public:
         const PgResultPtr next =
             tool::need(pgExec("SELECT nextval('dq.backups_backup_no_seq') AS no"), "give a backup number");
         backupNo_ = pgUVal(next.get(), 0, "no");
-        const fs::path path = tool::backupFile(device_, backupNo_);
+        fs::path path = tool::backupFile(device_, backupNo_);
+        if ((options_.properties & ARCHIVE_MAYBE_COMPRESSED) != 0)
+            path += tool::COMPRESSED_SUFFIX;
         try {
-            Stream stream(path);
+            Stream stream(path, options_.properties);
             addDirectory(stream, options_.directory);
             const ctar::Header end = ctar::sentinel();
             stream.add(end.data(), end.size());
@@ -235,13 +231,14 @@ private:
         // A later backup of an instance starts later, also when two follow within a second.
         (void)tool::need(
             pgVExec("INSERT INTO backups (backup_no, node_no, instance_id, type, status, sync_status, start_time, "
-                    "tape_no, fileset_no, server_name, total_megs, total_kilo) SELECT %lu, %lu, %lu, %d, %d, 1, "
+                    "tape_no, fileset_no, server_name, total_megs, total_kilo, properties) SELECT %lu, %lu, %lu, %d, "
+                    "%d, 1, "
                     "GREATEST(%ld, (SELECT max(start_time) + 1 FROM backups WHERE instance_id = %lu)), %lu, %lu, %s, "
-                    "%lu, %lu",
+                    "%lu, %lu, %lu",
                     backupNo_, node, instanceId, options_.type, static_cast<int>(JOB_SUCCESS),
                     static_cast<long>(time(nullptr)), instanceId, device_.tapeNo,
                     pgUVal(fileset.get(), 0, "fileset_no"), client.c_str(), (length + (1 << 20) - 1) >> 20,
-                    length >> 10),
+                    length >> 10, options_.properties),
             "record the backup");
         addFileRows();
         const int id = std::exchange(savepoint, 0);
@@ -256,7 +253,7 @@ private:
 };
 
 int usage(int status) {
-    fprintf(stderr, "Usage: ingest [--type N] [--client NAME] DIR\n");
+    fprintf(stderr, "Usage: ingest [--type N] [--client NAME] [--compress] [--encrypt] DIR\n");
     return status;
 }
 
@@ -264,15 +261,18 @@ int usage(int status) {
 
 int main(int argc, char** argv) {
     Options options;
-    const option known[] = {{"type", required_argument, nullptr, 't'},
-                            {"client", required_argument, nullptr, 'c'},
-                            {"help", no_argument, nullptr, 'h'},
-                            {nullptr, 0, nullptr, 0}};
+    const option known[] = {{"type", required_argument, nullptr, 't'}, {"client", required_argument, nullptr, 'c'},
+                            {"compress", no_argument, nullptr, 'z'},   {"encrypt", no_argument, nullptr, 'e'},
+                            {"help", no_argument, nullptr, 'h'},       {nullptr, 0, nullptr, 0}};
     for (int key; (key = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
         if (key == 't')
             options.type = atoi(optarg);
         else if (key == 'c')
             options.client = optarg;
+        else if (key == 'z')
+            options.properties |= ARCHIVE_MAYBE_COMPRESSED;
+        else if (key == 'e')
+            options.properties |= ARCHIVE_ENCRYPTED;
         else
             return usage(key == 'h' ? 0 : 2);
     }

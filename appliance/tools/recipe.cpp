@@ -1,18 +1,15 @@
 // recipe -b<backup_no> - writes the final metadata file of a hashed backup, hactar_<backup_no> on its device: each
 // block of the stream by its digest, and what was not hashed as it is.
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "common/backup_reader.h"
 #include "common/hactar.h"
 #include "common/tool.h"
-#include "foundation/file_descriptor.h"
 #include "foundation/logger.h"
 #include "hash/hash_list.h"
 
@@ -23,14 +20,10 @@ namespace fs = std::filesystem;
 class Recipe {
 public:
     Recipe(const tool::Device& device, std::uint64_t backupNo)
-        : backupNo_(backupNo), writer_(device.directory / ("hactar_" + std::to_string(backupNo)), backupNo) {
-        const fs::path path = tool::backupFile(device, backupNo);
-        file_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat st;
-        if (!file_.isOpen() || fstat(file_.get(), &st) == -1)
-            throw std::runtime_error(path.string() + ": " + strerror(errno));
-        size_ = static_cast<std::uint64_t>(st.st_size);
-    }
+        : backupNo_(backupNo),
+          stream_(device, backupNo),
+          size_(stream_.size()),
+          writer_(device.directory / ("hactar_" + std::to_string(backupNo)), backupNo, stream_.isEncrypted()) {}
 
     void write() {
         HashListPtr list;
@@ -65,19 +58,17 @@ private:
     void literalUpTo(std::uint64_t end) {
         std::vector<std::byte> buffer(hactar::LITERAL_LIMIT);
         while (position_ < end) {
-            const ssize_t n = pread(file_.get(), buffer.data(), std::min<std::uint64_t>(end - position_, buffer.size()),
-                                    static_cast<off_t>(position_));
-            if (n <= 0)
-                throw std::runtime_error("the backup file can't be read to its end");
-            writer_.literal(std::span(buffer).first(static_cast<std::size_t>(n)));
-            position_ += static_cast<std::uint64_t>(n);
+            const std::size_t n = std::min<std::uint64_t>(end - position_, buffer.size());
+            stream_.read(position_, std::span(buffer).first(n));
+            writer_.literal(std::span(buffer).first(n));
+            position_ += n;
         }
     }
 
     std::uint64_t backupNo_;
+    tool::BackupReader stream_;
+    std::uint64_t size_;
     hactar::Writer writer_;
-    FileDescriptor file_;
-    std::uint64_t size_ = 0;
     std::uint64_t position_ = 0;
 };
 
