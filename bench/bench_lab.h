@@ -63,5 +63,6 @@ int measureSecondBackup(unsigned mebibytes);
 int measureMemory(unsigned fewBlocks, unsigned manyBlocks);
 int measurePace(unsigned seconds);
 int measureQueue(long backups);
+int measureStore(unsigned mebibytes);
 
 }  // namespace bench

@@ -42,6 +42,8 @@ int main(int argc, char** argv) {
             return bench::measurePace(argument(argc, argv, 2, 10));
         if (what == "memory")
             return bench::measureMemory(argument(argc, argv, 2, 10000), argument(argc, argv, 3, 1000000));
+        if (what == "store")
+            return bench::measureStore(argument(argc, argv, 2, 256));
         if (what == "queue")
             return bench::measureQueue(argument(argc, argv, 2, 100000));
     } catch (const std::exception& e) {

@@ -69,5 +69,45 @@ TEST_F(SingleInstanceStore, AMovedAndPunchedBackupArrivesByteForByteAndVerifyFin
     EXPECT_NE(output.find(", 1 wrong"), std::string::npos) << output;
 }
 
+// Three backups, all encrypted and compressed with LZ4. Of the last one some blocks lie in the store (where the first
+// one brought them), some in the file of the second alone, the rest in its own file; the vault has none of them.
+TEST_F(SingleInstanceStore, BlocksOfAnEncryptedBackupComeFromTheStoreAndFromTwoFiles) {
+    lab().setFurther("  useSIScompression=true\n[Configuration Options]\n  CompressEngine=lz4\n");
+    lab().source().startKeyService();
+    std::string page(4096, '\0');
+    const std::uint64_t sizes[] = {8192, 0x1000000};
+    std::memcpy(&page[24], sizes, sizeof sizes);
+    std::ofstream(lab().source().disk().parent_path() / "SISinfo", std::ios::binary) << page;
+    lab().source().sql("UPDATE devices SET capacity = 134217728 * 4");
+    lab().setReplication("QueueScheme", "0");
+
+    const fs::path directory = data(71, 3);
+    std::vector<std::string> numbers;
+    for (const char* const how : {"-D", "-H", "-H"}) {
+        numbers.push_back(std::to_string(lab().ingest(directory, 1, {"--compress", "--encrypt"})));
+        ASSERT_EQ(tool({"fileDedup", how + numbers.back()}), 0);
+        std::ofstream(directory / ("large" + numbers.back()), std::ios::binary)
+            << std::string(700000, static_cast<char>('a' + numbers.size())) << numbers.back();
+    }
+    lab().source().sql("UPDATE backups_hash_values SET deduplicated = 1 WHERE backup_no = " + numbers[2] +
+                       " AND hash_id IN (SELECT hash_id FROM backups_hash_values WHERE backup_no = " + numbers[1] +
+                       ")");
+    const auto blocks = [&](const std::string& condition) {
+        return std::stoi(
+            lab().source().value("SELECT count(*) FROM backups_hash_values NATURAL JOIN hash_values WHERE "
+                                 "backup_no = " +
+                                 numbers[2] + " AND " + condition));
+    };
+    EXPECT_GT(blocks("sis_offset IS NOT NULL"), 0);
+    EXPECT_GT(blocks("sis_offset IS NULL AND deduplicated IS NOT NULL"), 0);
+    EXPECT_GT(blocks("sis_offset IS NULL AND deduplicated IS NULL"), 0);
+
+    lab().startVault();
+    ASSERT_EQ(lab().source().run(
+                  {lab().source().root() / "usr/dq/bin/ferryd", "util", "replicate", numbers[2], lab().vaultName()}),
+              0);
+    EXPECT_TRUE(lab().sameOnVault(std::stoull(numbers[2])));
+}
+
 }  // namespace
 }  // namespace e2e
