@@ -141,7 +141,7 @@ private:
         });
     }
 
-    int curl(const fs::path& file) const {
+    int curl(const fs::path& file) {
         const std::string url = lab_.lab().vaultName() + "/cgi-bin/vaultServer/b-sha512-" +
                                 std::to_string(fs::file_size(file)) + "-" + digests_.at(file);
         return lab::run(
@@ -183,7 +183,7 @@ private:
     }
 
     unsigned mebibytes_;
-    mutable BenchLab lab_;
+    BenchLab lab_;
     std::uint64_t backup_ = 0;
     std::int64_t number_ = 0;
     std::map<fs::path, std::string> digests_;

@@ -99,7 +99,7 @@ int publish(archive_filter* filter, std::size_t skip, std::size_t unit) {
         const std::size_t unseen =
             std::min(count, (skip > user.bytes ? skip - user.bytes : 0) / CRYPT_UNIT * CRYPT_UNIT);
         std::byte* const from = user.end() + unseen;
-        if (transform_decrypt(&filter->transform, from, from, count - unseen) == -1)
+        if (transform_cipher(&filter->transform, CDLIB_DECRYPT, from, from, count - unseen) == -1)
             return -1;
         user.bytes += count;
         filter->rawBytes -= count;
@@ -157,7 +157,8 @@ int decryptSome(archive_filter* filter, std::size_t skip) {
     if (piece == 0)
         return 1;
     const std::size_t unseen = std::min(piece, skip / CRYPT_UNIT * CRYPT_UNIT);
-    if (transform_decrypt(&filter->transform, device.begin() + unseen, user.end() + unseen, piece - unseen) == -1)
+    if (transform_cipher(&filter->transform, CDLIB_DECRYPT, device.begin() + unseen, user.end() + unseen,
+                         piece - unseen) == -1)
         return -1;
     user.bytes += piece;
     device.take(piece);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "archive/archive_internal.h"
 #include "archive/tar_header.h"
 #include "foundation/directories.h"
 #include "foundation/ini.h"
@@ -20,11 +21,6 @@ constexpr std::size_t ENGINE_NAME_LIMIT = 32;  // with the NUL
 constexpr int LARGEST_BLOCK_KB = 10240;
 constexpr int DEFAULT_BLOCK_KB = 64;
 constexpr std::size_t KILO = 1024;
-
-int fail(int error) {
-    errno = error;
-    return -1;
-}
 
 std::string describe(unsigned flags) {
     constexpr struct {
@@ -61,7 +57,7 @@ int prepareCompressor(Transform* transform) {
     options.inputOctets =
         std::max({options.blockOctets, options.segmentOctets, DQ_DEFAULT_SEGMENT});  // a block, whichever it will be
     transform->compression = CreateDqCompressionState(DQ_COMPRESS, engine, options);
-    return transform->compression._error == DQ_SUCCESS ? 0 : fail(EBADMSG);
+    return transform->compression._error == DQ_SUCCESS ? 0 : archive_fail(EBADMSG);
 }
 
 int prepareDecompressor(Transform* transform) {
@@ -70,11 +66,11 @@ int prepareDecompressor(Transform* transform) {
     options.blockOctets = DQ_DEFAULT_BLOCK;
     transform->compression = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
     if (transform->compression._error != DQ_SUCCESS)
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     auto stream = std::make_unique<z_stream>();
     const int result = inflateInit2(stream.get(), ANY_WRAPPER);
     if (result != Z_OK)
-        return fail(result == Z_MEM_ERROR ? ENOMEM : EBADMSG);
+        return archive_fail(result == Z_MEM_ERROR ? ENOMEM : EBADMSG);
     transform->inflater.reset(stream.release());
     return 0;
 }
@@ -82,7 +78,7 @@ int prepareDecompressor(Transform* transform) {
 int refuseToken() {
     LOG_HERE(0, "Failed to initialize decryption");
     LOG_HERE(0, "Should have seen encrypted token header but didn't\n");
-    return fail(EBADMSG);
+    return archive_fail(EBADMSG);
 }
 
 }  // namespace
@@ -95,11 +91,11 @@ void InflateReleaser::operator()(z_stream* stream) const noexcept {
 int transform_prepare(Transform* transform, unsigned flags, int type) {
     if ((flags & ~KINDS) != 0) {
         LOG_HERE(0, "Invalid archive transformation flags: %d\n", static_cast<int>(flags));
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     if ((flags & WRITING) != 0 && (flags & READING) != 0) {
         LOG_HERE(0, "Cannot both (compress or encrypt) and (decompress or decrypt)\n");
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     if ((flags & TRANSFORM_COMPRESS) != 0 && prepareCompressor(transform) == -1)
         return -1;
@@ -126,26 +122,26 @@ int transform_take_token(Transform* transform, std::span<const std::byte> data, 
             return TRANSFORM_NEEDS_INPUT;
         LOG_HERE(0, "Encrypted token too large");
         LOG_HERE(0, "Limit of 1MB token size\n");
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     // Decryption begins where the token's entry ends, on a block of the stream: the two ways to count must agree, also
     // when the size is in its long form.
     const std::uint64_t size = tar_size(header, TAR_SIZE);
     if (size != total - TAR_BLOCK || size % TAR_BLOCK != 0) {
         LOG_HERE(0, "Bad encrypted header\n");
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     CDlibResult result{};
     if (CDlibInitCryptWithToken(data.data(), total, &transform->crypt, &result) != 0) {
         LOG_HERE(0, "Failed to initialize with token: %.64s\n", result.text);
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     transform->flags &= ~static_cast<unsigned>(TRANSFORM_FIRST_CALL | TRANSFORM_AWAIT_TOKEN);
     *length = total;
     return 0;
 }
 
-int transform_decrypt(Transform* transform, const std::byte* input, std::byte* output, std::size_t count) {
+int transform_cipher(Transform* transform, int op, const std::byte* input, std::byte* output, std::size_t count) {
     if (count == 0)
         return 0;
     CryptContext& crypt = transform->crypt;
@@ -154,13 +150,15 @@ int transform_decrypt(Transform* transform, const std::byte* input, std::byte* o
     crypt.nextDataOutPtr = output;
     crypt.dataOutBytes = count;
     CDlibResult result{};
-    if (CDlibCrypt(CDLIB_DECRYPT, &crypt, &result) == 0 && crypt.dataInBytes == 0)
+    if (CDlibCrypt(op, &crypt, &result) == 0 && crypt.dataInBytes == 0)
         return 0;
-    LOG_HERE(0, "Failed to decrypt data");
-    LOG_HERE(0, "%d bytes remain in decryption buffer\n", static_cast<int>(crypt.dataInBytes));
+    const bool encrypts = op == CDLIB_ENCRYPT;
+    LOG_HERE(0, "Failed to %s data", encrypts ? "encrypt" : "decrypt");
+    LOG_HERE(0, "%d bytes remain in %s buffer\n", static_cast<int>(crypt.dataInBytes),
+             encrypts ? "encryption input" : "decryption");
     if (result.status != 0)
         LOG_HERE(0, "Error: %.64s\n", result.text);
-    return fail(EBADMSG);
+    return archive_fail(EBADMSG);
 }
 
 void transform_close(Transform* transform, bool isComplete) {

@@ -67,8 +67,9 @@ void transform_restart(Transform* transform);
 // Whether the data can end here. False in the middle of a compressed stream.
 [[nodiscard]] bool transform_may_end(const Transform& transform);
 
-// Decrypts whole units. Input and output may be the same memory.
-[[nodiscard]] int transform_decrypt(Transform* transform, const std::byte* input, std::byte* output, std::size_t count);
+// CDLIB_ENCRYPT or CDLIB_DECRYPT on whole units. Input and output may be the same memory.
+[[nodiscard]] int transform_cipher(Transform* transform, int op, const std::byte* input, std::byte* output,
+                                   std::size_t count);
 
 // Takes the token at the start of `data` and opens its session. 0 with the token's length, 1 if more bytes are needed,
 // -1 for anything but a token.

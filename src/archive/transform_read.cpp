@@ -4,6 +4,7 @@
 #include <limits>
 #include <string_view>
 
+#include "archive/archive_internal.h"
 #include "archive/compression_internal.h"
 #include "archive/compression_lz4.h"
 #include "archive/transform.h"
@@ -25,15 +26,10 @@ struct Step {
     std::size_t produced = 0;
 };
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 int failDecompression(const char* why) {
     LOG_HERE(0, "Failed to decompress data");
     LOG_HERE(0, "Error inflating: %s\n", why);
-    return fail(EBADMSG);
+    return archive_fail(EBADMSG);
 }
 
 int endOfCompression(Transform* transform) {
@@ -82,7 +78,7 @@ int startStream(Transform* transform, const Step& step) {
         return endOfCompression(transform);
     if (type == COMPRESSION_UNKNOWN) {
         LOG_HERE(0, "Unknown compression type.  Aborting decompression.\n");
-        return fail(EBADMSG);
+        return archive_fail(EBADMSG);
     }
     if (type != transform->type)
         LOG_HERE(1, "New decompresion type found: %d -> %d\n", transform->type, type);

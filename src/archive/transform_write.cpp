@@ -42,26 +42,10 @@ int takeCompressed(DqCompressionState* state, ArchiveBuffer* output) {
     return 0;
 }
 
-int encrypt(Transform* transform, std::span<const std::byte> data, std::byte* to) {
-    CryptContext& crypt = transform->crypt;
-    crypt.nextDataInPtr = data.data();
-    crypt.dataInBytes = data.size();
-    crypt.nextDataOutPtr = to;
-    crypt.dataOutBytes = data.size();
-    CDlibResult result{};
-    if (CDlibCrypt(CDLIB_ENCRYPT, &crypt, &result) == 0 && crypt.dataInBytes == 0)
-        return 0;
-    LOG_HERE(0, "Failed to encrypt data");
-    LOG_HERE(0, "%d bytes remain in encryption input buffer\n", static_cast<int>(crypt.dataInBytes));
-    if (result.status != 0)
-        LOG_HERE(0, "Error: %.64s\n", result.text);
-    return archive_fail(EBADMSG);
-}
-
 // Encrypts on the way, if that is asked for: the ciphered bytes are never in a buffer of their own.
 int put(Transform* transform, std::span<const std::byte> data, bool isEncrypting, std::byte* to) {
     if (isEncrypting)
-        return encrypt(transform, data, to);
+        return transform_cipher(transform, CDLIB_ENCRYPT, data.data(), to, data.size());
     std::ranges::copy(data, to);
     return 0;
 }

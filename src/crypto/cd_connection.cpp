@@ -83,9 +83,19 @@ int currentState(std::uint16_t* port, Ticket* ticket, CDlibResult* result) {
     return 0;
 }
 
-// Whether a transfer that failed with errno just ran out of time, which is a short transfer and no error.
-bool ranOutOfTime() {
-    return errno == EAGAIN || errno == EWOULDBLOCK;
+// One call of a transfer: the bytes done, 0 if the other end closed or time ran out (a short transfer, no error), or -1
+// with errno.
+template <typename Call>
+ssize_t transferSome(Call call) {
+    ssize_t n;
+    do
+        n = call();
+    while (n == -1 && errno == EINTR);
+    return n == -1 && (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : n;
+}
+
+ssize_t receiveSome(int socket, std::span<std::byte> data) {
+    return transferSome([&] { return recv(socket, data.data(), data.size(), 0); });
 }
 
 }  // namespace
@@ -138,12 +148,10 @@ ssize_t sendAll(int socket, std::span<const std::byte> head, std::span<const std
         msghdr message{};
         message.msg_iov = parts;
         message.msg_iovlen = 2;
-        const ssize_t n = sendmsg(socket, &message, MSG_NOSIGNAL);
-        if (n == -1 && errno == EINTR)
-            continue;
-        if (n == -1 && !ranOutOfTime())
+        const ssize_t n = transferSome([&] { return sendmsg(socket, &message, MSG_NOSIGNAL); });
+        if (n == -1)
             return -1;
-        if (n <= 0)
+        if (n == 0)
             break;
         done += static_cast<std::size_t>(n);
     }
@@ -153,12 +161,10 @@ ssize_t sendAll(int socket, std::span<const std::byte> head, std::span<const std
 ssize_t receiveAll(int socket, std::span<std::byte> data) {
     std::size_t done = 0;
     while (done < data.size()) {
-        const ssize_t n = recv(socket, data.data() + done, data.size() - done, 0);
-        if (n == -1 && errno == EINTR)
-            continue;
-        if (n == -1 && !ranOutOfTime())
+        const ssize_t n = receiveSome(socket, data.subspan(done));
+        if (n == -1)
             return -1;
-        if (n <= 0)
+        if (n == 0)
             break;
         done += static_cast<std::size_t>(n);
     }
@@ -182,11 +188,9 @@ ssize_t receiveRecord(int socket, std::span<std::byte> record) {
             if (ready <= 0)
                 break;
         }
-        const ssize_t n = recv(socket, record.data() + done, record.size() - done, 0);
-        if (n == -1 && errno == EINTR)
-            continue;
+        const ssize_t n = receiveSome(socket, record.subspan(done));
         // Once the result is there it is told, whatever becomes of the rest.
-        if (n == -1 && !ranOutOfTime() && done < wire::RESULT_SIZE)
+        if (n == -1 && done < wire::RESULT_SIZE)
             return -1;
         if (n <= 0)
             break;

@@ -8,39 +8,26 @@
 #include <cstdlib>
 
 #include "foundation/logger.h"
+#include "foundation/text.h"
 #include "hash/hash_generation.h"
 #include "hash/hashed_contents_internal.h"
 #include "hash/signal_catch.h"
 
 namespace {
 
-constexpr std::uint32_t STORE_FLAGS = SISoffset_in | SISoffset_out;
-
 // The lateral queries with their limits make the server look each hash up by its index: left to choose, it joins the
 // whole tables as soon as their statistics are out of date, which on a catalogue that grows is always.
-constexpr char STATEMENT[] =
-    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset FROM unnest($1::bigint[]) AS wanted (id), LATERAL "
-    "(SELECT hash_id, hashed_length, sis_offset FROM dq.hash_values WHERE (hash_id = wanted.id) LIMIT 1) h LEFT JOIN "
-    "LATERAL (SELECT file_offset FROM dq.backups_hash_values WHERE (backup_no = $2) AND (hash_id = h.hash_id) AND "
-    "(deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1) r ON TRUE";
-constexpr char STATEMENT_WITH_LENGTH[] =
-    "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset, h.compressed_length FROM unnest($1::bigint[]) AS "
-    "wanted (id), LATERAL (SELECT hash_id, hashed_length, sis_offset, compressed_length FROM dq.hash_values WHERE "
-    "(hash_id = wanted.id) LIMIT 1) h LEFT JOIN LATERAL (SELECT file_offset FROM dq.backups_hash_values WHERE "
-    "(backup_no = $2) AND (hash_id = h.hash_id) AND (deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1) r ON "
-    "TRUE";
+std::string statement(bool hasLength) {
+    const char* const lengthColumn = hasLength ? ", compressed_length" : "";
+    return formatString(
+        "SELECT h.hash_id, h.hashed_length, h.sis_offset, r.file_offset%s FROM unnest($1::bigint[]) AS wanted (id), "
+        "LATERAL (SELECT hash_id, hashed_length, sis_offset%s FROM dq.hash_values WHERE (hash_id = wanted.id) LIMIT 1) "
+        "h LEFT JOIN LATERAL (SELECT file_offset FROM dq.backups_hash_values WHERE (backup_no = $2) AND (hash_id = "
+        "h.hash_id) AND (deduplicated IS NULL) AND (hash_incomplete = FALSE) LIMIT 1) r ON TRUE",
+        lengthColumn, lengthColumn);
+}
 
 using Records = std::vector<hashValue*>;
-
-std::string arrayOf(const Records& records) {
-    std::string text = "{";
-    for (const hashValue* record : records) {
-        if (text.size() > 1)
-            text += ',';
-        text += std::to_string(static_cast<std::int64_t>(record->hashID));
-    }
-    return text += '}';
-}
 
 std::uint64_t number(const PGresult* rows, int row, int column) {
     return static_cast<std::uint64_t>(std::strtoll(PQgetvalue(rows, row, column), nullptr, 10));
@@ -100,8 +87,8 @@ int announce(hashedContents* handle, std::span<hashValue* const> records) {
     Records sorted(records.begin(), records.end());
     std::ranges::sort(sorted, {}, &hashValue::hashID);
     const PgRowsPtr rows = connection.runPrepared(
-        "announced", hasLength == 1 ? STATEMENT_WITH_LENGTH : STATEMENT,
-        {arrayOf(sorted), std::to_string(static_cast<std::int64_t>(handle->backup ? handle->backupNumber : 0))});
+        "announced", statement(hasLength == 1).c_str(),
+        {idArray(sorted), std::to_string(static_cast<std::int64_t>(handle->backup ? handle->backupNumber : 0))});
     if (!succeeded(rows.get())) {
         log_message(0, "Can't look up %zu hash values\n%s", records.size(), connection.error());
         return -1;

@@ -50,21 +50,13 @@ std::size_t batchSize(RecordRange records, Order order) {
 }
 
 PgRowsPtr selectByID(const Lookup& lookup, RecordRange records) {
-    std::string ids = "{";
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (i > 0 && !byID(records[i - 1], records[i]))
-            continue;
-        if (i > 0)
-            ids += ',';
-        ids += std::to_string(static_cast<std::int64_t>(records[i]->hashID));
-    }
     return lookup.handle->connection.runPrepared(
         "byID",
         lookup.hasLength == 1 ? "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value, compressed_length "
                                 "FROM dq.hash_values WHERE (hash_id = ANY($1::bigint[]))"
                               : "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value FROM dq.hash_values "
                                 "WHERE (hash_id = ANY($1::bigint[]))",
-        {ids += '}'}, RowFormat::binary);
+        {idArray(records)}, RowFormat::binary);
 }
 
 int appendArm(const Lookup& lookup, const hashValue& record, const char* separator, std::size_t parameter) {
@@ -200,6 +192,18 @@ int lookUpSorted(Lookup* lookup, Records* records) {
 }
 
 }  // namespace
+
+std::string idArray(RecordRange records) {
+    std::string text = "{";
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (i > 0 && records[i]->hashID == records[i - 1]->hashID)
+            continue;
+        if (i > 0)
+            text += ',';
+        text += std::to_string(static_cast<std::int64_t>(records[i]->hashID));
+    }
+    return text += '}';
+}
 
 int lookUpRecords(hashValuesPrivate* handle, const Records& records) {
     Records withID;

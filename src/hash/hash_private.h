@@ -1,6 +1,8 @@
 // hash_private.h - the handle of the hash layer, and what its operations share.
 #pragma once
 
+#include <span>
+#include <string>
 #include <vector>
 
 #include "hash/hashTable.h"
@@ -29,6 +31,9 @@ inline constexpr std::size_t IDS_PER_STATEMENT = 16384;
 // The lookup itself, for records anywhere in memory.
 [[nodiscard]] int lookUpRecords(hashValuesPrivate* handle, const std::vector<hashValue*>& records);
 [[nodiscard]] int lookUpRecords(hashValuesPrivate* handle, std::span<hashValue> records);
+
+// The IDs of the records, each once, as an array for `hash_id = ANY`. The records are sorted by ID.
+[[nodiscard]] std::string idArray(std::span<hashValue* const> records);
 
 // False, with a line on the log, for a type that the system doesn't know.
 [[nodiscard]] bool typeIsKnown(const hashValue& value, std::size_t entry);

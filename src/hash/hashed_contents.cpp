@@ -19,7 +19,6 @@ namespace {
 constexpr std::uint64_t MOST_READ_AHEAD = 0xa00000;
 constexpr std::uint32_t ID_FLAGS = hashID_in | hashID_out;
 constexpr std::uint32_t DIGEST_FLAGS = hashValue_in | hashValue_out;
-constexpr std::uint32_t STORE_FLAGS = SISoffset_in | SISoffset_out;
 constexpr std::uint32_t LOCATION_FLAGS = locationID_in | locationID_out;
 
 // One read on its way: the rest of what the caller wants.

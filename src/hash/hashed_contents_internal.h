@@ -10,6 +10,9 @@
 #include "hash/hashed_contents.h"
 #include "sis/SIS.h"
 
+// A record with one of these lies in the single instance store.
+inline constexpr std::uint32_t STORE_FLAGS = SISoffset_in | SISoffset_out;
+
 // Data of one block that was read ahead. Synthetic hash IDs are used again, so the digest counts too when it is known.
 struct ReadAhead {
     std::unique_ptr<std::byte[]> bytes;

@@ -69,8 +69,6 @@ void BlockList::dump(int level) const {
 
 std::int64_t BlockList::populate(const std::string& url, std::int64_t backupNo, HashListPtr* hashList) {
     std::fill_n(records_.get(), capacity_, hashReferenceInfo{});
-    std::fill_n(sendInfo_.get(), capacity_, RequestBody{});
-    totalBytes_ = 0;
     index_ = 0;
     size_ = 0;
     isCounted_ = false;
@@ -102,7 +100,6 @@ int BlockList::reset(const std::string& url, std::int64_t backupNo) {
 }
 
 int BlockList::checkBlocksOnTarget(const std::string& url, std::int64_t backupNo) {
-    bytesOnTarget_ = 0;
     blocksOnTarget_ = 0;
     blocksToSend_ = 0;
     std::fill_n(sendInfo_.get(), size_, RequestBody{});
@@ -124,9 +121,7 @@ int BlockList::checkBlocksOnTarget(const std::string& url, std::int64_t backupNo
 
 void BlockList::settle(std::uint64_t index, bool isOnTarget) {
     const std::uint64_t length = records_.get()[index].hashedLength;
-    totalBytes_ += length;
     if (isOnTarget) {
-        bytesOnTarget_ += length;
         ++blocksOnTarget_;
         return;
     }

@@ -78,8 +78,6 @@ private:
     MallocPtr<RequestBody> sendInfo_;
     std::uint64_t index_ = 0;
     std::uint64_t size_ = 0;
-    std::uint64_t totalBytes_ = 0;
-    std::uint64_t bytesOnTarget_ = 0;
     std::int32_t blocksOnTarget_ = 0;
     std::int32_t blocksToSend_ = 0;
     bool isCounted_ = false;

@@ -12,6 +12,13 @@ namespace {
 
 enum class Next { GoOn, Succeed, Fail };
 
+bool hasFailed(ThreadBuffer* shared) {
+    if (shared->getExitCode() >= 0)
+        return false;
+    LOG_THREAD(0, "MetaThread: caught error, exiting");
+    return true;
+}
+
 class Meta {
 public:
     explicit Meta(ThreadBuffer* shared)
@@ -35,7 +42,7 @@ public:
 private:
     Next pass(TracedLock* access) {
         LOG_THREAD(6, "MetaThread: next pass");
-        if (hasFailed("MetaThread"))
+        if (hasFailed(&shared_))
             return failWithDump();
         if (!isFirst_ && waitForEmpty(access) == Next::Fail)
             return Next::Fail;
@@ -45,13 +52,6 @@ private:
         if (list_.remaining() == 0 && populated_ > 0)
             return populate();
         return Next::GoOn;
-    }
-
-    bool hasFailed(const char* who) {
-        if (shared_.getExitCode() >= 0)
-            return false;
-        LOG_THREAD(0, "%s: caught error, exiting", who);
-        return true;
     }
 
     Next failWithDump() {
@@ -211,10 +211,8 @@ int runMeta(ThreadBuffer* shared) {
 int syncThreads(ThreadBuffer* threadBuffer) {
     TracedLock lock = threadBuffer->lockTotalSent();
     for (;;) {
-        if (threadBuffer->getExitCode() < 0) {
-            LOG_THREAD(0, "MetaThread: caught error, exiting");
+        if (hasFailed(threadBuffer))
             return -1;
-        }
         if (threadBuffer->totalSent >= threadBuffer->totalToSend) {
             LOG_THREAD(4, "MetaThread: Initiating checkpoint");
             return 0;

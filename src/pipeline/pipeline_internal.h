@@ -49,7 +49,6 @@ public:
         lock_.unlock();
         LOG_THREAD(6, "unlock %s", name_);
     }
-    [[nodiscard]] bool isHeld() const { return lock_.owns_lock(); }
     // For the wait on a condition.
     [[nodiscard]] std::unique_lock<std::mutex>& inner() { return lock_; }
 

@@ -14,6 +14,15 @@ namespace fs = std::filesystem;
 
 class SingleInstanceStore : public EndToEnd {
 protected:
+    // A store of files of 16 MiB, on the one disk.
+    void makeSmallStore() {
+        std::string page(4096, '\0');
+        const std::uint64_t sizes[] = {8192, 0x1000000};
+        std::memcpy(&page[24], sizes, sizeof sizes);
+        std::ofstream(lab().source().disk().parent_path() / "SISinfo", std::ios::binary) << page;
+        lab().source().sql("UPDATE devices SET capacity = 134217728 * 4");
+    }
+
     // A tool of the source; its exit status.
     int tool(const std::vector<std::string>& words, std::string* output = nullptr) {
         std::vector<std::string> command = words;
@@ -24,12 +33,8 @@ protected:
 
 TEST_F(SingleInstanceStore, AMovedAndPunchedBackupArrivesByteForByteAndVerifyFindsWhatIsWrong) {
     lab().source().startKeyService();  // store files are encrypted then
-    std::string page(4096, '\0');
-    const std::uint64_t sizes[] = {8192, 0x1000000};
-    std::memcpy(&page[24], sizes, sizeof sizes);
+    makeSmallStore();
     const fs::path disk = lab().source().disk();
-    std::ofstream(disk.parent_path() / "SISinfo", std::ios::binary) << page;
-    lab().source().sql("UPDATE devices SET capacity = 134217728 * 4");
 
     const std::uint64_t backup = lab().ingest(data(9, 24));
     const std::string number = std::to_string(backup);
@@ -74,11 +79,7 @@ TEST_F(SingleInstanceStore, AMovedAndPunchedBackupArrivesByteForByteAndVerifyFin
 TEST_F(SingleInstanceStore, BlocksOfAnEncryptedBackupComeFromTheStoreAndFromTwoFiles) {
     lab().setFurther("  useSIScompression=true\n[Configuration Options]\n  CompressEngine=lz4\n");
     lab().source().startKeyService();
-    std::string page(4096, '\0');
-    const std::uint64_t sizes[] = {8192, 0x1000000};
-    std::memcpy(&page[24], sizes, sizeof sizes);
-    std::ofstream(lab().source().disk().parent_path() / "SISinfo", std::ios::binary) << page;
-    lab().source().sql("UPDATE devices SET capacity = 134217728 * 4");
+    makeSmallStore();
     lab().setReplication("QueueScheme", "0");
 
     const fs::path directory = data(71, 3);
