@@ -18,6 +18,7 @@
 #include "foundation/file_descriptor.h"
 #include "foundation/logger.h"
 #include "foundation/pghelper.h"
+#include "foundation/program_log.h"
 
 namespace bench {
 namespace {

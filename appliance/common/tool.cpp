@@ -4,6 +4,7 @@
 
 #include "foundation/directories.h"
 #include "foundation/logger.h"
+#include "foundation/program_log.h"
 
 namespace tool {
 namespace {

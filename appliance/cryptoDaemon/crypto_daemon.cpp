@@ -21,6 +21,7 @@
 #include "foundation/directories.h"
 #include "foundation/logger.h"
 #include "foundation/paths.h"
+#include "foundation/program_log.h"
 #include "foundation/services.h"
 #include "foundation/signals.h"
 

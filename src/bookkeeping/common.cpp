@@ -216,3 +216,25 @@ std::uint64_t estimateHactarSize(std::uint64_t backupNo, int kind) {
         return estimateFileHactar(backupNo, maxSubfileBytes);
     return whole / maxSubfileBytes * REFERENCE_BYTES;
 }
+
+namespace {
+
+int changeSyncStatus(std::uint64_t backupNo, const char* change, int bit) {
+    const PgResultPtr result =
+        pgVExec("UPDATE dq.backups SET sync_status=(sync_status %s%d) WHERE backup_no=%lu", change, bit, backupNo);
+    if (pgStatus(result.get()) == -1) {
+        LOG_HERE(0, "Failed to change the sync status of backup %lu", backupNo);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int clearSyncNeeded(std::uint64_t backupNo) {
+    return changeSyncStatus(backupNo, "& ~", ST_SYNC_NEEDED);
+}
+
+int setSyncDone(std::uint64_t backupNo) {
+    return changeSyncStatus(backupNo, "| ", ST_SYNC_DONE);
+}

@@ -141,3 +141,7 @@ struct RestoreGroupRecord {
 
 // The chain that a restore of the backup needs, oldest first.
 [[nodiscard]] int dqGetRestoreGroupOptimized(std::uint64_t backupNo, std::vector<RestoreGroupRecord>* list);
+
+// Changes of a backup's sync bits. 0 or -1 (logged).
+[[nodiscard]] int clearSyncNeeded(std::uint64_t backupNo);
+[[nodiscard]] int setSyncDone(std::uint64_t backupNo);

@@ -13,7 +13,6 @@
 #include "bandwidth/blockOut.h"
 #include "bookkeeping/replicationQueue.h"
 #include "daemon/configuration.h"
-#include "daemon/daemon_internal.h"
 #include "daemon/daemonize.h"
 #include "daemon/options.h"
 #include "daemon/policies.h"
@@ -22,11 +21,10 @@
 #include "foundation/directories.h"
 #include "foundation/logger.h"
 #include "foundation/paths.h"
+#include "foundation/program_log.h"
 #include "foundation/settings.h"
+#include "foundation/signal_flags.h"
 #include "foundation/signals.h"
-
-DaemonMode g_mode;
-int g_childMarker = 0;
 
 namespace {
 
@@ -110,10 +108,8 @@ void cleanup() {
     killWorkers();
     detachBandwidthTable();
     curl_global_cleanup();
-    if (g_childMarker == 0) {
-        LOG_HERE(0, "Clear pid file");
-        clearPidFile();
-    }
+    LOG_HERE(0, "Clear pid file");
+    clearPidFile();
 }
 
 void useLocale() {

@@ -9,6 +9,7 @@
 #include "daemon/daemon.h"
 #include "daemon/util.h"
 #include "foundation/logger.h"
+#include "foundation/signal_flags.h"
 
 int main(int argc, char** argv) {
     try {

@@ -15,16 +15,6 @@ const std::string& target() {
     return g_settings.targetName;
 }
 
-int changeSyncStatus(std::uint64_t backupNo, const char* change, int bit) {
-    const PgResultPtr result =
-        pgVExec("UPDATE dq.backups SET sync_status=(sync_status %s%d) WHERE backup_no=%lu", change, bit, backupNo);
-    if (pgStatus(result.get()) == -1) {
-        LOG_HERE(0, "Failed to change the sync status of backup %lu", backupNo);
-        return -1;
-    }
-    return 0;
-}
-
 // Whether a newer backup of the instance is in the queue: the target takes an instance's backups in order only.
 // 1 yes, 0 no, -1 failure.
 int hasNewerInQueue(std::uint64_t backupNo) {
@@ -149,14 +139,6 @@ int lifoConsider(std::uint64_t instance) {
 }
 
 }  // namespace
-
-int clearSyncNeeded(std::uint64_t backupNo) {
-    return changeSyncStatus(backupNo, "& ~", ST_SYNC_NEEDED);
-}
-
-int setSyncDone(std::uint64_t backupNo) {
-    return changeSyncStatus(backupNo, "| ", ST_SYNC_DONE);
-}
 
 int fifoEnqueue() {
     if (target().empty())

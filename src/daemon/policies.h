@@ -4,8 +4,6 @@
 // simply repeated by the next. Main thread of the daemon only.
 #pragma once
 
-#include <cstdint>
-
 // Values of QueueScheme; any other fills nothing.
 inline constexpr int QUEUE_SCHEME_RETENTION = 1;  // every waiting backup, oldest first
 inline constexpr int QUEUE_SCHEME_RECENCY = 2;    // and then only what the newest of each instance needs
@@ -18,7 +16,3 @@ void updateQueue();
 
 // Queues the newest waiting backup of each instance and drops older ones that it makes needless. 0 or -1.
 [[nodiscard]] int lifoEnqueue();
-
-// Changes of a backup's sync bits. 0 or -1 (logged).
-[[nodiscard]] int clearSyncNeeded(std::uint64_t backupNo);
-[[nodiscard]] int setSyncDone(std::uint64_t backupNo);

@@ -11,6 +11,7 @@
 #include "daemon/util_internal.h"
 #include "foundation/directories.h"
 #include "foundation/logger.h"
+#include "foundation/program_log.h"
 
 namespace {
 

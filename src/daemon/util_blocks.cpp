@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "daemon/daemon.h"
 #include "daemon/elimination.h"
 #include "daemon/util_internal.h"
 #include "foundation/logger.h"
+#include "foundation/signal_flags.h"
 #include "hash/hash_list.h"
 #include "hash/hash_value.h"
 #include "hash/hashed_contents.h"

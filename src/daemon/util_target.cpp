@@ -6,8 +6,8 @@
 
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
+#include "daemon/cancel.h"
 #include "daemon/configuration.h"
-#include "daemon/daemon.h"
 #include "daemon/hactar.h"
 #include "daemon/util_internal.h"
 #include "daemon/worker.h"
@@ -15,6 +15,7 @@
 #include "foundation/paths.h"
 #include "foundation/pghelper.h"
 #include "foundation/releaser.h"
+#include "foundation/signal_flags.h"
 #include "replication/replication.h"
 #include "rest/lifecycle.h"
 #include "rest/session.h"

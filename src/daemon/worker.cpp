@@ -9,13 +9,14 @@
 
 #include "bandwidth/blockOut.h"
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/daemon_internal.h"
 #include "daemon/stop_thread.h"
 #include "daemon/worker_job.h"
 #include "daemon/worker_table.h"
 #include "foundation/logger.h"
 #include "foundation/pghelper.h"
+#include "foundation/program_log.h"
 #include "foundation/settings.h"
+#include "foundation/signal_flags.h"
 #include "foundation/signals.h"
 
 namespace {
@@ -24,7 +25,6 @@ constexpr const char* WORKER_LOG = "ferryd-worker";
 constexpr int DEFAULT_INSTANCES = 1;
 
 void runAsWorker(std::uint64_t backupNo, const std::string& vault, int bandwidthTable) {
-    g_childMarker = 1;
     clearWorkers();
     WorkerJob job;
     job.backupNo = backupNo;

@@ -7,7 +7,6 @@
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
 #include "daemon/hactar.h"
-#include "daemon/policies.h"
 #include "daemon/worker_job.h"
 #include "foundation/directories.h"
 #include "foundation/ini.h"

@@ -24,7 +24,6 @@
 std::string g_master_ini;
 std::string g_appdir;
 std::string g_bindir;
-std::string g_logdir;
 std::string g_reportdir;
 std::string g_initdir;
 std::string g_xrdir;

@@ -9,7 +9,6 @@
 extern std::string g_master_ini;
 extern std::string g_appdir;
 extern std::string g_bindir;
-extern std::string g_logdir;
 extern std::string g_reportdir;
 extern std::string g_initdir;
 extern std::string g_xrdir;

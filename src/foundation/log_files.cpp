@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "foundation/directories.h"
 #include "foundation/file_descriptor.h"
 #include "foundation/logger_internal.h"
 #include "foundation/paths.h"
 #include "foundation/text.h"
 
+std::string g_logdir;
 char log_fname[LOG_FNAME_SIZE] = "";
 std::string g_base_fname;
 int g_logs_per_instance = 1;
@@ -69,24 +69,23 @@ void takeLevelFromEnvironment() {
         log_level = static_cast<int>(std::strtol(value + LEVEL_OFFSET, nullptr, 10));
 }
 
-int openFullLog(const char* name) {
-    LogState& state = logState();
+int openFullLog(const char* name, LogOpening how) {
     takeLevelFromEnvironment();
     std::string path = logPath(name);
     if (path.size() >= LOG_FNAME_SIZE)
         path.resize(LOG_FNAME_SIZE - 1);
     path.copy(log_fname, path.size());
     log_fname[path.size()] = '\0';
-    const bool isCarriedOver = state.renameFlag != 0 && !g_base_fname.empty();
+    if (how == LogOpening::carryOver && g_base_fname.empty())
+        how = LogOpening::fresh;
     // A process that takes its present name anew must not remove the pieces that it is about to carry over.
-    if (!state.keepExisting && !(isCarriedOver && path == g_base_fname))
+    if (how == LogOpening::fresh || (how == LogOpening::carryOver && path != g_base_fname))
         (void)removePieces(log_fname);  // what stays behind was reported
-    if (isCarriedOver)
+    if (how == LogOpening::carryOver)
         (void)renamePieces(log_fname, 0);  // as above
     else
-        state.pieces = 0;
-    const int result = openLogByPath(&path);
-    state.renameFlag = 0;
+        logState().pieces = 0;
+    const int result = openLogByPath(&path, how);
     g_base_fname = path;
     return result;
 }
@@ -139,7 +138,7 @@ std::string_view withoutLogExtension(std::string_view name) {
     return name;
 }
 
-int openLogByName(const char* name) {
+int openLogByName(const char* name, LogOpening how) {
     LogState& state = logState();
     if (log_level == LOG_SILENT) {
         closeLog();
@@ -151,17 +150,17 @@ int openLogByName(const char* name) {
     // A server's log is never simple: its instances would overwrite one another.
     if (applyLevelEncoding() && std::strstr(wanted, "dqserver") != nullptr)
         log_simple = 0;
-    return log_simple != 0 ? openSimpleLog(wanted) : openFullLog(wanted);
+    return log_simple != 0 ? openSimpleLog(wanted) : openFullLog(wanted, how);
 }
 
-int openLogByPath(std::string* path) {
+int openLogByPath(std::string* path, LogOpening how) {
     LogState& state = logState();
     closeLog();
     if (log_level == LOG_SILENT) {
         state.stream = openNull();
         return 0;
     }
-    if (state.renameFlag == 0 && !state.keepExisting)
+    if (how == LogOpening::fresh)
         removeIfRegular(*path);
     int result = 0;
     state.stream = openForAppend(path->c_str());
@@ -201,7 +200,7 @@ int rotateLog() {
         state.pieces++;
     else
         state.pieces = g_logs_per_instance - 1;  // pieces beyond were removed just now
-    return openLogByPath(&g_base_fname);
+    return openLogByPath(&g_base_fname, LogOpening::fresh);
 }
 
 int renamePieces(const char* newName, int increment) {
@@ -254,16 +253,16 @@ int removePieces(const char* logname) {
     }
 }
 
-int open_log(const char* name) {
+int open_log(const char* name, LogOpening how) {
     const LogLock lock;
-    return openLogByName(name);
+    return openLogByName(name, how);
 }
 
-int OpenLog(std::string* path) {
+int OpenLog(std::string* path, LogOpening how) {
     int result = -1;
     {
         const LogLock lock;
-        result = openLogByPath(path);
+        result = openLogByPath(path, how);
     }
     if (log_simple != 0)
         log_message(2, "OpenLog(%s) status = %d", path->c_str(), result);
@@ -294,7 +293,22 @@ int LogfileExists(const char* baseName, struct stat* st) {
     return findLog(baseName, st);
 }
 
-void set_log_rename_flag(int flag) {
+void log_set_rotation(const char* program, int instance, unsigned maxKB, int logsPerInstance, const char* startTime) {
     const LogLock lock;
-    logState().renameFlag = flag;
+    LogState& state = logState();
+    const bool isRotating = logsPerInstance > 1 && maxKB > 0;
+    g_logs_per_instance = isRotating ? logsPerInstance : 1;
+    state.sizeLimit = isRotating ? static_cast<long>(maxKB) << 10 : -1;
+    state.instance = instance;
+    if (program != nullptr)
+        state.program = program;
+    if (startTime != nullptr)
+        state.startTime = startTime;
+}
+
+void log_reset() {
+    const LogLock lock;
+    logState().program.clear();
+    logState().startTime.clear();
+    g_base_fname.clear();
 }

@@ -11,7 +11,8 @@
 
 #include "foundation/directories.h"
 #include "foundation/ini.h"
-#include "foundation/logger_internal.h"
+#include "foundation/logger.h"
+#include "foundation/program_log.h"
 #include "foundation/releaser.h"
 
 namespace {

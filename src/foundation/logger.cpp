@@ -171,7 +171,7 @@ int writeFullLine(int level, const char* format, va_list arguments) {
     const LogLock lock;
     LogState& state = logState();
     if (state.stream == nullptr)
-        (void)openLogByName(nullptr);
+        (void)openLogByName(nullptr, LogOpening::fresh);
     if (isLogFull(format))
         startNewPiece();
     if (state.stream == nullptr)
@@ -189,7 +189,7 @@ int writeSimpleLine(int level, const char* format, va_list arguments) {
         return 0;
     LogState& state = logState();
     if (state.stream == nullptr)
-        (void)openLogByName(nullptr);
+        (void)openLogByName(nullptr, LogOpening::fresh);
     FILE* const stream = state.stream;
     if (stream == nullptr)
         return 0;
@@ -259,12 +259,6 @@ std::string logStamp() {
     return std::string(text, std::strftime(text, sizeof(text), "%b %d %T", &now));
 }
 
-std::string startTimeText() {
-    const std::tm now = localNow();
-    char text[128];
-    return std::string(text, std::strftime(text, sizeof(text), "%a %b %d %Y %X %Z", &now));
-}
-
 int log_message(int level, const char* format, ...) {
     const int present = presentLevel();
     if ((level > present && level > log_screen_level) || present == LOG_SILENT)
@@ -308,7 +302,7 @@ int log_raw(int level, const char* format, ...) {
         if (level <= present) {
             const LogLock lock;
             if (logState().stream == nullptr)
-                (void)openLogByName(nullptr);
+                (void)openLogByName(nullptr, LogOpening::fresh);
             if (logState().stream != nullptr) {
                 writeText(logState().stream, text);
                 written = static_cast<int>(text.size());

@@ -13,12 +13,16 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 extern int log_level;         // highest level written to the file; set at start and by readConfiguration
 extern int log_screen_level;  // highest level copied to standard error, -1 none
 extern int log_simple;        // non-zero: one file per program, no lock, no rotation
 
 inline constexpr int LOG_SILENT = 200;  // the log_level that silences the log
+
+// Where logs lie; empty: under /tmp. Written by the start of a program, before threads.
+extern std::string g_logdir;
 
 // The log that is open; written by the functions below alone.
 inline constexpr std::size_t LOG_FNAME_SIZE = 1024;
@@ -42,27 +46,23 @@ extern const char* const g_extns[2];    // extensions of logs, in the order in w
 // Copies a text file into the log. Returns 0, or -1 if it can't be opened (logged).
 int log_include_file(int level, const char* path);
 
-// Loads the retention keys, opens the log of `program` (an instance log, or the name in DQLOGNAME) and writes the
-// banner. `defaultInstances` is the default of LogRetentionInstances. Returns 0, or -1 if the log can't be opened.
-int OpenProgramLog(const char* program, int defaultInstances);
-
-// For a forked process that takes another program name: carries the pieces of the present log over.
-int ReopenInstanceLog(const char* program);
-
-// Picks a free or aged instance number, opens its log and records it in dq.ini.
-int OpenInstanceLog(const char* program, int* instance);
-
 // Rotation parameters; with logsPerInstance below 2 or maxKB 0 the log is never rotated. Null texts keep the old ones.
 void log_set_rotation(const char* program, int instance, unsigned maxKB, int logsPerInstance, const char* startTime);
 void log_reset();
-void set_log_rename_flag(int flag);
+
+// What becomes of the lines that a log of this name has already.
+enum class LogOpening {
+    fresh,      // it and its pieces are removed
+    append,     // they stay: the log of a parent
+    carryOver,  // the pieces of the present log take the new name and are continued
+};
 
 // Opens a log by name: null is the fall-back log, a relative name lies under g_logdir. Returns 0 or -1.
-int open_log(const char* name);
+int open_log(const char* name, LogOpening how = LogOpening::fresh);
 
-// Closes the present log and opens a path, emptied unless the rename flag is set. If it can't be opened, *path becomes
-// "/dev/null" and the log goes there, result -1.
-int OpenLog(std::string* path);
+// Closes the present log and opens a path. If it can't be opened, *path becomes "/dev/null" and the log goes there,
+// result -1.
+int OpenLog(std::string* path, LogOpening how = LogOpening::fresh);
 void close_log();
 
 // With a stream: flushes the present log and plants the stream, which is never rotated; close_log closes it unless it
@@ -83,8 +83,14 @@ int CleanupOldLogs(const char* logname);
 // Rotates the present log. Returns 0, or -1 if the new piece can't be opened.
 int GetNewLogFile();
 
-// The retention sweep over g_logdir. Returns the files retained, or -1.
-int PurgeOldLogs();
+// The path of a log under g_logdir, or under the fall-back directory while that is unset; absolute names stay.
+std::string logPath(std::string_view name);
+
+// A log name without its extension; nothing is cut from a name that has none of them.
+std::string_view withoutLogExtension(std::string_view name);
+
+// Resolves a log_level of 100 and above: less 100, and the simple writer. Returns whether it changed anything.
+bool applyLevelEncoding();
 
 // Where failures of the log itself go: the hook if one is set and g_shell_mode is 0, otherwise standard error.
 extern void (*g_errmsg_proc)(const char* text);

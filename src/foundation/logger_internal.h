@@ -18,8 +18,6 @@ struct LogState {
     FILE* rotatedStream = nullptr;  // the stream that was opened by path; the only one that rotates
     long sizeLimit = -1;            // bytes of a piece, -1 rotation off
     int pieces = 0;                 // highest piece number that can exist for g_base_fname
-    int renameFlag = 0;
-    bool keepExisting = false;  // the next open by path appends to what is there
     std::string program;
     std::string startTime;
     int instance = 0;
@@ -42,23 +40,13 @@ private:
     bool isLocked_;
 };
 
-// Resolves a log_level of 100 and above: less 100, and the simple writer. Returns whether it changed anything.
-bool applyLevelEncoding();
-
-// Local time: of a line, and of a banner.
+// Local time, as the lines have it.
 std::string logStamp();
-std::string startTimeText();
 
 // The texts of the open functions, without lock and without a log line.
-int openLogByName(const char* name);
-int openLogByPath(std::string* path);
+int openLogByName(const char* name, LogOpening how);
+int openLogByPath(std::string* path, LogOpening how);
 void closeLog();
 int rotateLog();
 int renamePieces(const char* newName, int increment);
 int removePieces(const char* logname);
-
-// The path of a log under g_logdir, or under the fall-back directory while g_logdir is unset; absolute names stay.
-std::string logPath(std::string_view name);
-
-// A log name without its extension; nothing is cut from a name that has none of them.
-std::string_view withoutLogExtension(std::string_view name);

@@ -1,3 +1,4 @@
 #include "foundation/settings.h"
 
 ReplicationSettings g_settings;
+DaemonMode g_mode;

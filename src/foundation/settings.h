@@ -26,3 +26,11 @@ struct ReplicationSettings {
 };
 
 extern ReplicationSettings g_settings;
+
+// What started the process, as its forked workers see it. Written once, by the daemon's options.
+struct DaemonMode {
+    bool attached = false;   // -a: one log on standard error, for workers too
+    bool daemonize = true;   // -d clears it
+    float loadLimit = 0.0F;  // -l, 0 none
+};
+extern DaemonMode g_mode;

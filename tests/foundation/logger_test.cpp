@@ -1,4 +1,5 @@
 #include "foundation/logger.h"
+#include "foundation/program_log.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -43,7 +44,6 @@ protected:
     }
     ~Logger() override {
         close_log();
-        set_log_rename_flag(0);
         log_reset();
         log_set_rotation(nullptr, 0, 0, 1, nullptr);
         log_simple = 0;

@@ -1,13 +1,15 @@
-// The start of a program's log: retention keys, the choice of the instance number, the banner.
+#include "foundation/program_log.h"
+
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "foundation/directories.h"
 #include "foundation/ini.h"
-#include "foundation/logger_internal.h"
+#include "foundation/logger.h"
 #include "foundation/paths.h"
 #include "foundation/text.h"
 
@@ -71,9 +73,8 @@ void keepPreviousName(const char* program, const std::string& dqIni) {
     (void)ini_put_field(LOCATION_SECTION, key.c_str(), last.c_str(), dqIni);  // a note for people; nothing reads it
 }
 
-}  // namespace
-
-int OpenInstanceLog(const char* program, int* instance) {
+// The log of an instance, opened as `how` says and noted in dq.ini.
+int openInstance(const char* program, LogOpening how, int* instance) {
     const std::string dqIni = systemPath(paths::DQ_INI);
     keepPreviousName(program, dqIni);
     (void)applyLevelEncoding();  // the value is resolved either way
@@ -83,7 +84,7 @@ int OpenInstanceLog(const char* program, int* instance) {
         const std::string path = logPath(std::string(program) + g_extns[0]);
         *instance = 0;
         close_log();
-        return open_log(path.c_str());
+        return open_log(path.c_str(), how);
     }
     const int number = chooseInstance(logPath(std::string(program) + "-"));
     const std::string path = logPath(formatString("%s-%d%s", program, number, g_extns[0]));
@@ -93,9 +94,23 @@ int OpenInstanceLog(const char* program, int* instance) {
     log_message(6, "AppName.....: %s\n", program);
     log_message(6, "IniName.....: %s\n", dqIni.c_str());
     close_log();
-    const int result = open_log(path.c_str());
+    const int result = open_log(path.c_str(), how);
     (void)ini_put_field(LOCATION_SECTION, program, path.c_str(), dqIni);  // a note for people, as above
     return result;
+}
+
+std::string startTimeText() {
+    const time_t now = std::time(nullptr);
+    std::tm parts = {};
+    localtime_r(&now, &parts);
+    char text[128];
+    return std::string(text, std::strftime(text, sizeof(text), "%a %b %d %Y %X %Z", &parts));
+}
+
+}  // namespace
+
+int OpenInstanceLog(const char* program, int* instance) {
+    return openInstance(program, LogOpening::fresh, instance);
 }
 
 int OpenProgramLog(const char* program, int defaultInstances) {
@@ -103,14 +118,10 @@ int OpenProgramLog(const char* program, int defaultInstances) {
     int instance = 0;
     int result = 0;
     const char* const inherited = std::getenv("DQLOGNAME");
-    if (inherited != nullptr) {
-        // The parent's log: its lines stay.
-        logState().keepExisting = true;
-        result = open_log(inherited);
-        logState().keepExisting = false;
-    } else {
+    if (inherited != nullptr)
+        result = open_log(inherited, LogOpening::append);  // the parent's log: its lines stay
+    else
         result = OpenInstanceLog(program, &instance);
-    }
     const std::string startTime = startTimeText();
     log_set_rotation(program, instance, static_cast<unsigned>(g_config.maxKB), g_config.logsPerInstance,
                      startTime.c_str());
@@ -123,31 +134,10 @@ int OpenProgramLog(const char* program, int defaultInstances) {
 
 int ReopenInstanceLog(const char* program) {
     loadLogConfig(program, g_config.retentionInstances);
-    set_log_rename_flag(1);
     int instance = 0;
-    const int result = OpenInstanceLog(program, &instance);
+    const int result = openInstance(program, LogOpening::carryOver, &instance);
     log_set_rotation(program, instance, static_cast<unsigned>(g_config.maxKB), g_config.logsPerInstance, nullptr);
     log_message(6, "New log configs loaded for %s\n", program);
     logConfig();
     return result;
-}
-
-void log_set_rotation(const char* program, int instance, unsigned maxKB, int logsPerInstance, const char* startTime) {
-    const LogLock lock;
-    LogState& state = logState();
-    const bool isRotating = logsPerInstance > 1 && maxKB > 0;
-    g_logs_per_instance = isRotating ? logsPerInstance : 1;
-    state.sizeLimit = isRotating ? static_cast<long>(maxKB) << 10 : -1;
-    state.instance = instance;
-    if (program != nullptr)
-        state.program = program;
-    if (startTime != nullptr)
-        state.startTime = startTime;
-}
-
-void log_reset() {
-    const LogLock lock;
-    logState().program.clear();
-    logState().startTime.clear();
-    g_base_fname.clear();
 }

@@ -1,8 +1,5 @@
-// The signal handlers of the parent: they only store flags.
+#include "foundation/signal_flags.h"
 
-#include <csignal>
-
-#include "daemon/daemon_internal.h"
 #include "foundation/signals.h"
 
 namespace {
