@@ -15,8 +15,8 @@
 #include <string>
 
 #include "archive/archiverw.h"
-#include "foundation/directories.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -12,13 +12,13 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "daemon/configuration.h"
-#include "daemon/worker.h"
-#include "foundation/directories.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/logger.h"
-#include "foundation/pghelper.h"
-#include "foundation/program_log.h"
+#include "base/file_descriptor.h"
+#include "config/directories.h"
+#include "config/program_log.h"
+#include "database/pghelper.h"
+#include "log/logger.h"
+#include "worker/configuration.h"
+#include "worker/worker.h"
 
 namespace bench {
 namespace {

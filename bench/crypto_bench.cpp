@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "block/hash_context.h"
 #include "crypto/crypto.h"
-#include "hash/hash_context.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 
 #include "bandwidth/blockOut.h"
 #include "bench_lab.h"
-#include "daemon/statistics.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
 #include "lab/proxy.h"
 #include "pipeline/send_phase.h"
+#include "worker/statistics.h"
 
 namespace bench {
 namespace {

@@ -8,11 +8,11 @@
 
 #include "bench_lab.h"
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/configuration.h"
+#include "config/settings.h"
 #include "daemon/daemon.h"
 #include "daemon/policies.h"
-#include "foundation/pghelper.h"
-#include "foundation/settings.h"
+#include "database/pghelper.h"
+#include "worker/configuration.h"
 
 namespace bench {
 namespace {

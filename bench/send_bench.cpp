@@ -6,11 +6,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/run_command.h"
 #include "bench_lab.h"
-#include "daemon/statistics.h"
-#include "foundation/run_command.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
 #include "pipeline/send_phase.h"
+#include "worker/statistics.h"
 
 namespace bench {
 namespace {

@@ -10,8 +10,8 @@
 #include <random>
 #include <stdexcept>
 
+#include "base/file_descriptor.h"
 #include "bench_lab.h"
-#include "foundation/file_descriptor.h"
 #include "sis/SIS.h"
 
 namespace bench {

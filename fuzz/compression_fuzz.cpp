@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "archive/compression.h"
+#include "compression/compression.h"
 #include "fuzz_support.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 void fuzzCheck(bool holds, const char* condition, const char* file, int line) {
     if (holds)

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 // A property that doesn't hold ends the run, with the input kept by the fuzzer.
 #define FUZZ_CHECK(condition) fuzzCheck(condition, #condition, __FILE__, __LINE__)

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <memory>
 
-#include "archive/compression.h"
-#include "archive/compression_lz4.h"
-#include "foundation/releaser.h"
+#include "base/releaser.h"
+#include "compression/compression.h"
+#include "compression/lz4.h"
 #include "fuzz_support.h"
 
 namespace {

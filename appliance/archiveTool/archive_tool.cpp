@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "archive/archiverw.h"
-#include "archive/compression.h"
+#include "base/file_descriptor.h"
 #include "common/tool.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/services.h"
+#include "compression/compression.h"
+#include "config/services.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "archive/compression_type.h"
+#include "compression/type.h"
 
 namespace tool {
 namespace {

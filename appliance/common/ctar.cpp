@@ -3,7 +3,7 @@
 #include <cstring>
 #include <span>
 
-#include "foundation/text.h"
+#include "base/text.h"
 
 namespace ctar {
 namespace {

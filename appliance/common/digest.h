@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 using Sha512 = std::array<std::uint8_t, 64>;
 

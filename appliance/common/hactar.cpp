@@ -10,8 +10,8 @@
 #include <system_error>
 #include <vector>
 
-#include "foundation/file_descriptor.h"
-#include "foundation/services.h"
+#include "base/file_descriptor.h"
+#include "config/services.h"
 
 namespace hactar {
 namespace {

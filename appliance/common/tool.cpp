@@ -2,9 +2,9 @@
 
 #include <cstdlib>
 
-#include "foundation/directories.h"
-#include "foundation/logger.h"
-#include "foundation/program_log.h"
+#include "config/directories.h"
+#include "config/program_log.h"
+#include "log/logger.h"
 
 namespace tool {
 namespace {

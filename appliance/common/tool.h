@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace tool {
 

@@ -17,13 +17,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/paths.h"
+#include "base/signals.h"
+#include "config/directories.h"
+#include "config/program_log.h"
+#include "config/services.h"
 #include "cryptoDaemon/server.h"
-#include "foundation/directories.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/program_log.h"
-#include "foundation/services.h"
-#include "foundation/signals.h"
+#include "log/logger.h"
 
 namespace keyservice {
 namespace {

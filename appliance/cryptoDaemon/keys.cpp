@@ -15,10 +15,10 @@
 #include <memory>
 #include <string>
 
+#include "base/releaser.h"
 #include "common/ctar.h"
-#include "foundation/logger.h"
-#include "foundation/releaser.h"
-#include "foundation/services.h"
+#include "config/services.h"
+#include "log/logger.h"
 
 namespace keyservice {
 namespace {

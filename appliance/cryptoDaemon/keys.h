@@ -14,7 +14,7 @@
 #include <span>
 #include <stdexcept>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace keyservice {
 

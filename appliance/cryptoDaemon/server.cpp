@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace keyservice {
 namespace {

@@ -10,8 +10,8 @@
 #include <list>
 #include <vector>
 
+#include "base/file_descriptor.h"
 #include "cryptoDaemon/session.h"
-#include "foundation/file_descriptor.h"
 
 namespace keyservice {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 namespace lab {
 namespace {

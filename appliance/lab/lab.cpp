@@ -13,8 +13,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/file_descriptor.h"
 #include "common/digest.h"
-#include "foundation/file_descriptor.h"
 
 namespace lab {
 namespace {

@@ -16,7 +16,7 @@
 #include <system_error>
 #include <thread>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 extern char** environ;
 

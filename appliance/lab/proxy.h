@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace lab {
 

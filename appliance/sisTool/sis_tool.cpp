@@ -15,7 +15,7 @@
 
 #include "common/digest.h"
 #include "common/tool.h"
-#include "foundation/services.h"
+#include "config/services.h"
 #include "hash/hashValues.h"
 #include "hash/store_access.h"
 

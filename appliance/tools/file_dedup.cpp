@@ -15,14 +15,14 @@
 #include <limits>
 #include <vector>
 
+#include "block/hash_context.h"
 #include "bookkeeping/common.h"
 #include "common/backup_reader.h"
 #include "common/ctar.h"
 #include "common/tool.h"
-#include "foundation/logger.h"
-#include "foundation/services.h"
+#include "config/services.h"
 #include "hash/hashValues.h"
-#include "hash/hash_context.h"
+#include "log/logger.h"
 #include "store_mover.h"
 
 namespace {

@@ -14,12 +14,12 @@
 #include <vector>
 
 #include "archive/archiverw.h"
+#include "base/file_descriptor.h"
 #include "bookkeeping/common.h"
 #include "common/ctar.h"
 #include "common/tool.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/services.h"
-#include "foundation/smartbuffer.h"
+#include "config/services.h"
+#include "database/smartbuffer.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "common/backup_reader.h"
 #include "common/hactar.h"
 #include "common/tool.h"
-#include "foundation/logger.h"
 #include "hash/hash_list.h"
+#include "log/logger.h"
 
 namespace {
 

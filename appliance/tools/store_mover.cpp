@@ -9,10 +9,10 @@
 #include <cstring>
 #include <limits>
 
-#include "archive/compression_type.h"
+#include "base/file_descriptor.h"
+#include "block/hash_context.h"
 #include "bookkeeping/common.h"
-#include "foundation/file_descriptor.h"
-#include "hash/hash_context.h"
+#include "compression/type.h"
 #include "hash/hash_list.h"
 #include "hash/store_access.h"
 

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "block/hash_lock.h"
 #include "common/backup_reader.h"
 #include "common/tool.h"
 #include "hash/hashValues.h"
-#include "hash/hash_lock.h"
 #include "sis/SIS.h"
 
 // The backup's file must be locked exclusively by the caller. All failures throw std::runtime_error; what has been

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "foundation/services.h"
+#include "config/services.h"
 
 namespace vault {
 namespace {

@@ -21,8 +21,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/file_descriptor.h"
 #include "common/digest.h"
-#include "foundation/file_descriptor.h"
 
 namespace vault {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace vault {
 namespace {

@@ -7,8 +7,8 @@
 #include <system_error>
 
 #include "common/hactar.h"
-#include "foundation/logger.h"
-#include "foundation/services.h"
+#include "config/services.h"
+#include "log/logger.h"
 
 namespace vault {
 

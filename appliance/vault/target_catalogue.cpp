@@ -5,10 +5,10 @@
 #include <stdexcept>
 
 #include "bookkeeping/common.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/pghelper.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "database/pghelper.h"
+#include "log/logger.h"
 #include "replication/replication.h"
 #include "replication/uxml.h"
 

@@ -18,13 +18,13 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/paths.h"
+#include "base/signals.h"
 #include "common/hactar.h"
-#include "foundation/directories.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/program_log.h"
-#include "foundation/services.h"
-#include "foundation/signals.h"
+#include "config/directories.h"
+#include "config/program_log.h"
+#include "config/services.h"
+#include "log/logger.h"
 #include "vault/block_store.h"
 #include "vault/listener.h"
 #include "vault/rebuilder.h"

@@ -3,9 +3,9 @@
 #include <string>
 
 #include "archive/archive_internal.h"
-#include "foundation/logger.h"
-#include "foundation/pghelper.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "database/pghelper.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 #include "archive/archive_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "archive/archive_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "archive/archive_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

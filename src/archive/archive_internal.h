@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "archive/archiverw.h"
-#include "archive/compression.h"
 #include "archive/transform.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/releaser.h"
+#include "base/file_descriptor.h"
+#include "base/releaser.h"
+#include "compression/compression.h"
 
 inline constexpr mode_t ARCHIVE_FILE_MODE = 0660;
 

@@ -3,7 +3,7 @@
 
 #include "archive/archive_internal.h"
 #include "archive/tar_header.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

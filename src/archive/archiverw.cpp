@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "archive/archive_internal.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 
 namespace {
 

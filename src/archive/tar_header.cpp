@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 
 namespace {
 

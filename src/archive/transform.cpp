@@ -7,9 +7,9 @@
 
 #include "archive/archive_internal.h"
 #include "archive/tar_header.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <memory>
 #include <span>
 
-#include "archive/compression.h"
+#include "compression/compression.h"
 #include "crypto/libCryptoDaemon.h"
 
 struct ArchiveBuffer;

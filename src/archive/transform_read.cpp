@@ -5,10 +5,10 @@
 #include <string_view>
 
 #include "archive/archive_internal.h"
-#include "archive/compression_internal.h"
-#include "archive/compression_lz4.h"
 #include "archive/transform.h"
-#include "foundation/logger.h"
+#include "compression/compression_internal.h"
+#include "compression/lz4.h"
+#include "log/logger.h"
 
 namespace {
 

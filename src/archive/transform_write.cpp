@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "archive/archive_internal.h"
-#include "archive/compression_internal.h"
 #include "archive/tar_header.h"
 #include "archive/transform.h"
-#include "foundation/logger.h"
+#include "compression/compression_internal.h"
+#include "log/logger.h"
 
 namespace {
 

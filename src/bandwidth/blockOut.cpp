@@ -11,10 +11,10 @@
 #include <cstring>
 
 #include "bandwidth/blockOut_internal.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/releaser.h"
-#include "foundation/thread_record.h"
+#include "base/paths.h"
+#include "base/releaser.h"
+#include "log/logger.h"
+#include "log/thread_record.h"
 
 namespace {
 

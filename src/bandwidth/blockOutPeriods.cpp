@@ -19,7 +19,7 @@
 #include <string_view>
 
 #include "bandwidth/blockOut_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -8,13 +8,13 @@
 #include <cstring>
 #include <fstream>
 
+#include "base/paths.h"
+#include "base/text.h"
 #include "bookkeeping/common.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/services.h"
-#include "foundation/text.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "config/services.h"
+#include "log/logger.h"
 
 namespace {
 

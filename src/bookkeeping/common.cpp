@@ -7,9 +7,9 @@
 #include <new>
 
 #include "bookkeeping/common_internal.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/pghelper.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "database/pghelper.h"
 
 namespace {
 

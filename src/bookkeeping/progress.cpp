@@ -11,7 +11,7 @@
 #include <mutex>
 
 #include "bookkeeping/common.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace {
 

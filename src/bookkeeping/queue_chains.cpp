@@ -1,7 +1,7 @@
 // queue_chains.cpp - queue operations that follow the chains between backups: enqueue, prune, resolve.
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "bookkeeping/common.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 std::string QUEUE_DATABASE = "dq.replication_queue";
 

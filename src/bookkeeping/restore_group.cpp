@@ -1,7 +1,7 @@
 // restore_group.cpp - the chain of backups that a restore of one needs.
 #include "bookkeeping/common.h"
 #include "bookkeeping/common_internal.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // synthesis_group.cpp - the backups that make up a synthesized view of an incremental.
 #include "bookkeeping/common.h"
 #include "bookkeeping/common_internal.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/paths.h"
+#include "base/text.h"
+#include "config/services.h"
 #include "crypto/libCryptoDaemon_internal.h"
-#include "foundation/paths.h"
-#include "foundation/services.h"
-#include "foundation/text.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <fstream>
 
+#include "base/paths.h"
+#include "base/run_command.h"
+#include "config/directories.h"
+#include "config/ini.h"
 #include "crypto/libCryptoDaemon_internal.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/run_command.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "crypto/crypto_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 // What a direction is called on the log.
 struct ChunkCipher::Names {

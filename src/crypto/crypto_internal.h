@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 inline constexpr std::size_t CIPHER_UNIT = 32;  // two blocks of AES
 

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "crypto/crypto_internal.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

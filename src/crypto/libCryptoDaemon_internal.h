@@ -5,10 +5,10 @@
 #include <span>
 #include <string>
 
+#include "base/file_descriptor.h"
 #include "crypto/cryptoDaemonWire.h"
 #include "crypto/crypto_internal.h"
 #include "crypto/libCryptoDaemon.h"
-#include "foundation/file_descriptor.h"
 
 struct CDlibData {
     FileDescriptor socket;

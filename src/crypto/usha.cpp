@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

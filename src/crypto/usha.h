@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 inline constexpr int USHA_SHA1 = 0;
 inline constexpr int USHA_SHA224 = 1;

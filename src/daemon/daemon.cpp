@@ -11,20 +11,21 @@
 #include <ctime>
 
 #include "bandwidth/blockOut.h"
+#include "base/paths.h"
+#include "base/signal_flags.h"
+#include "base/signals.h"
+#include "base/standard_streams.h"
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/configuration.h"
+#include "config/directories.h"
+#include "config/program_log.h"
+#include "config/settings.h"
 #include "daemon/daemonize.h"
 #include "daemon/options.h"
 #include "daemon/policies.h"
-#include "daemon/worker.h"
-#include "daemon/worker_table.h"
-#include "foundation/directories.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/program_log.h"
-#include "foundation/settings.h"
-#include "foundation/signal_flags.h"
-#include "foundation/signals.h"
+#include "log/logger.h"
+#include "worker/configuration.h"
+#include "worker/worker.h"
+#include "worker/worker_table.h"
 
 namespace {
 

@@ -12,13 +12,13 @@
 #include <cstring>
 #include <string>
 
-#include "foundation/directories.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
-#include "foundation/services.h"
-#include "foundation/signals.h"
-#include "foundation/text.h"
+#include "base/file_descriptor.h"
+#include "base/paths.h"
+#include "base/signals.h"
+#include "base/text.h"
+#include "config/directories.h"
+#include "config/services.h"
+#include "log/logger.h"
 
 namespace {
 
@@ -115,10 +115,4 @@ void clearPidFile() {
         LOG_HERE(0, "Failed to remove pid file");
         LOG_HERE(0, "errno:%s", strerror(errno));
     }
-}
-
-void closeStandardInput() {
-    const FileDescriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (null.isOpen())
-        (void)dup2(null.get(), STDIN_FILENO);  // with a good descriptor only EINTR, which can't happen here
 }

@@ -7,6 +7,3 @@
 
 // Removes the pid file that daemonize took. Without one there is nothing to remove, which is logged.
 void clearPidFile();
-
-// Puts /dev/null on standard input, so that nothing here ever waits for a terminal.
-void closeStandardInput();

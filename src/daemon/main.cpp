@@ -6,10 +6,10 @@
 #include <cstring>
 #include <exception>
 
+#include "base/signal_flags.h"
+#include "commands/util.h"
 #include "daemon/daemon.h"
-#include "daemon/util.h"
-#include "foundation/logger.h"
-#include "foundation/signal_flags.h"
+#include "log/logger.h"
 
 int main(int argc, char** argv) {
     try {

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/configuration.h"
+#include "config/settings.h"
 #include "daemon/daemon.h"
-#include "foundation/logger.h"
-#include "foundation/settings.h"
+#include "log/logger.h"
+#include "worker/configuration.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
-#include "foundation/logger.h"
-#include "foundation/pghelper.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
+#include "database/pghelper.h"
+#include "log/logger.h"
 
 namespace {
 

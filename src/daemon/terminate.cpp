@@ -4,12 +4,12 @@
 #include <vector>
 
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/cancel.h"
+#include "config/settings.h"
 #include "daemon/daemon.h"
-#include "daemon/hactar.h"
-#include "daemon/worker_table.h"
-#include "foundation/logger.h"
-#include "foundation/settings.h"
+#include "log/logger.h"
+#include "worker/cancel.h"
+#include "worker/hactar.h"
+#include "worker/worker_table.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
 #include "hash/hash_generation.h"
 #include "hash/hashed_contents_internal.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 namespace {
 

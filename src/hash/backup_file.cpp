@@ -1,8 +1,8 @@
 #include <cstdlib>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
 #include "hash/hashed_contents_internal.h"
+#include "log/logger.h"
 
 namespace {
 

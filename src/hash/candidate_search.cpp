@@ -18,10 +18,10 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
 #include "hash/hashed_contents_internal.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 namespace {
 

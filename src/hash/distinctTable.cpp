@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

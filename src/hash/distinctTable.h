@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 struct distinctTable;
 void freeDistinctTable(distinctTable* table);

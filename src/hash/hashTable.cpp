@@ -1,6 +1,6 @@
 #include "hash/hashTable.h"
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // so that a table can come back in one place.
 #pragma once
 
-#include "hash/hash_value.h"
+#include "block/hash_value.h"
 
 struct SIShashTable;  // no record exists
 

@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
 #include "hash/hash_generation.h"
 #include "hash/hash_private.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 int prepareHashValuesPrivatePSQL(HashValuesPtr* handle) {
     if (!*handle)

@@ -16,8 +16,8 @@
 #include <memory>
 #include <span>
 
-#include "foundation/releaser.h"
-#include "hash/hash_value.h"
+#include "base/releaser.h"
+#include "block/hash_value.h"
 
 struct hashValuesPrivate;  // connection and statement buffer
 void freeHashValuesPrivate(hashValuesPrivate* handle);

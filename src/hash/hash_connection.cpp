@@ -10,11 +10,11 @@
 #include <mutex>
 #include <thread>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/text.h"
-#include "hash/signal_catch.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 using PgConnectionPtr = std::unique_ptr<PGconn, Releaser<&PQfinish>>;
 using PgRowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;

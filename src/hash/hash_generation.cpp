@@ -2,10 +2,10 @@
 
 #include <atomic>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/services.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "config/services.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
 #include "hash/hashValues.h"
 #include "hash/hash_connection.h"
 #include "hash/hash_generation.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 namespace {
 

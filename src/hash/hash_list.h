@@ -11,8 +11,8 @@
 #include <memory>
 #include <span>
 
-#include "foundation/releaser.h"
-#include "hash/hash_value.h"
+#include "base/releaser.h"
+#include "block/hash_value.h"
 
 struct hashListHandle;
 void freeHashList(hashListHandle* handle);

@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "foundation/logger.h"
+#include "block/signal_catch.h"
 #include "hash/hash_private.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 namespace {
 

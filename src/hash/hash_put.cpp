@@ -5,11 +5,11 @@
 #include <map>
 #include <tuple>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "block/signal_catch.h"
 #include "hash/hash_generation.h"
 #include "hash/hash_private.h"
-#include "hash/signal_catch.h"
+#include "log/logger.h"
 
 namespace {
 

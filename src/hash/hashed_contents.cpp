@@ -7,12 +7,12 @@
 #include <cstring>
 #include <new>
 
+#include "block/signal_catch.h"
 #include "bookkeeping/common.h"
-#include "foundation/logger.h"
 #include "hash/hash_generation.h"
 #include "hash/hashed_contents_internal.h"
-#include "hash/signal_catch.h"
 #include "hash/store_access.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include <memory>
 #include <span>
 
-#include "foundation/releaser.h"
-#include "hash/hash_value.h"
+#include "base/releaser.h"
+#include "block/hash_value.h"
 
 struct hashedContents;
 void freeHashedContents(hashedContents* handle);

@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "hash/store_access.h"
 
-#include "foundation/logger.h"
 #include "hash/hash_private.h"
+#include "log/logger.h"
 
 std::int64_t readStoredSubfile(SISPtr* store, const hashValue& record, std::int64_t offset,
                                std::span<std::byte> bytes) {

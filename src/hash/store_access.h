@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <span>
 
+#include "block/hash_value.h"
 #include "hash/hashValues.h"
-#include "hash/hash_value.h"
 #include "sis/SIS.h"
 
 inline constexpr std::int64_t STORE_UNAVAILABLE = -2;

@@ -13,7 +13,7 @@
 #include <span>
 #include <string>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 #include "hash/hashValues.h"
 #include "hash/hash_list.h"
 #include "rest/session.h"

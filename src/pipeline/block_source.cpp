@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "daemon/elimination.h"
-#include "foundation/logger.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
+#include "elimination/elimination.h"
+#include "log/logger.h"
 
 int openBlockSource(std::uint64_t backupNo, const std::string& target, HashListPtr* list) {
     constexpr int DISTINCT = 1;  // a checkpoint compares with the target's count of unique blocks

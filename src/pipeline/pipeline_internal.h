@@ -8,8 +8,8 @@
 #include <ctime>
 #include <mutex>
 
-#include "foundation/logger.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
+#include "log/logger.h"
 
 inline constexpr char ON_TARGET = '1';  // in a reply to post-check-offset; any other byte means that it must be sent
 

@@ -10,10 +10,10 @@
 #include <span>
 #include <vector>
 
-#include "foundation/logger.h"
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 #include "hash/hash_list.h"
 #include "hash/hashed_contents.h"
+#include "log/logger.h"
 #include "pipeline/block_source.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/send_phase.h"

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
+#include "config/directories.h"
+#include "config/ini.h"
 #include "pipeline/block_source.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/send_phase.h"

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "bookkeeping/progress.h"
-#include "foundation/settings.h"
+#include "config/settings.h"
 
 // What a send phase works on; all of it belongs to the worker's job and outlives the phase.
 struct SendJob {

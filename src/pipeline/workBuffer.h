@@ -12,7 +12,7 @@
 #include <span>
 #include <string>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 #include "hash/hashed_contents.h"
 #include "rest/blocks.h"
 

@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "bookkeeping/common.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 #include "replication/replication.h"
 #include "replication/uxml.h"
 

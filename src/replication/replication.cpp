@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "bookkeeping/common.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 
 namespace {
 

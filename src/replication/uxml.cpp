@@ -5,9 +5,9 @@
 #include <memory>
 #include <new>
 
-#include "foundation/logger.h"
-#include "foundation/releaser.h"
-#include "foundation/text.h"
+#include "base/releaser.h"
+#include "base/text.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <vector>
 
-#include "foundation/logger.h"
-#include "hash/hash_context.h"
+#include "block/hash_context.h"
 #include "hash/hashed_contents.h"
+#include "log/logger.h"
 #include "rest/session_internal.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "hash/hash_value.h"
+#include "block/hash_value.h"
 #include "rest/session.h"
 
 inline constexpr std::size_t CHECK_RECORD_SIZE = 88;  // bytes of one block in a post-check-offset body

@@ -11,9 +11,9 @@
 #include <memory>
 #include <vector>
 
+#include "base/file_descriptor.h"
 #include "crypto/libCryptoDaemon.h"
-#include "foundation/file_descriptor.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 #include "rest/session_internal.h"
 
 namespace {

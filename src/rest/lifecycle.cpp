@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/services.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "config/services.h"
+#include "log/logger.h"
 #include "rest/session_internal.h"
 
 namespace {

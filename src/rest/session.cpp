@@ -11,9 +11,9 @@
 #include <cstring>
 
 #include "bandwidth/blockOut.h"
-#include "foundation/logger.h"
-#include "foundation/text.h"
-#include "foundation/thread_record.h"
+#include "base/text.h"
+#include "log/logger.h"
+#include "log/thread_record.h"
 #include "rest/session_internal.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 #include "rest/session.h"
 
 using CurlPtr = std::unique_ptr<CURL, Releaser<&curl_easy_cleanup>>;

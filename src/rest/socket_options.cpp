@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "foundation/ini.h"
-#include "foundation/logger.h"
+#include "config/ini.h"
+#include "log/logger.h"
 #include "rest/session_internal.h"
 
 namespace {

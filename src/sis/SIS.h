@@ -20,8 +20,8 @@
 #include <span>
 #include <string>
 
-#include "foundation/releaser.h"
-#include "hash/hash_value.h"
+#include "base/releaser.h"
+#include "block/hash_value.h"
 
 struct SIS;
 void freeSIS(SIS* handle);  // gives the reservation back, closes everything; logs null

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "base/file_descriptor.h"
+#include "block/byte_lock.h"
 #include "crypto/libCryptoDaemon.h"
-#include "foundation/file_descriptor.h"
-#include "hash/byte_lock.h"
 #include "sis/SIS.h"
 #include "sis/mapping.h"
 

@@ -7,7 +7,7 @@
 #include <climits>
 #include <cstring>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "archive/tar_header.h"
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

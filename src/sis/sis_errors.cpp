@@ -10,8 +10,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "foundation/directories.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

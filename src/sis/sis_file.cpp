@@ -15,10 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
-#include "foundation/text.h"
+#include "base/text.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <new>
 
-#include "foundation/logger.h"
-#include "foundation/paths.h"
+#include "base/paths.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 #include "sis/lookup3.h"
 

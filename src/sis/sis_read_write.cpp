@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "foundation/logger.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 
 namespace {

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstring>
 
-#include "foundation/directories.h"
-#include "foundation/ini.h"
-#include "foundation/logger.h"
+#include "config/directories.h"
+#include "config/ini.h"
+#include "log/logger.h"
 #include "sis/SIS_internal.h"
 #include "sis/SIScompLZ4.h"
 

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "archive_support.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <csignal>
 
 #include "archive_support.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <future>
 #include <thread>
 
+#include "base/paths.h"
+#include "base/run_command.h"
 #include "crypto/crypto.h"
 #include "crypto/crypto_fixture.h"
-#include "foundation/paths.h"
-#include "foundation/run_command.h"
 #include "support/key_service.h"
 
 namespace testsupport {

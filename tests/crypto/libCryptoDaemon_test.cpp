@@ -5,8 +5,8 @@
 #include <climits>
 #include <vector>
 
+#include "config/directories.h"
 #include "crypto/crypto_fixture.h"
-#include "foundation/directories.h"
 
 namespace testsupport {
 namespace {

@@ -1,9 +1,9 @@
-#include "daemon/configuration.h"
+#include "worker/configuration.h"
 
 #include "bandwidth/blockOut.h"
-#include "daemon/daemon_fixture.h"
 #include "daemon/options.h"
-#include "foundation/logger.h"
+#include "log/logger.h"
+#include "support/daemon_fixture.h"
 
 namespace testsupport {
 namespace {

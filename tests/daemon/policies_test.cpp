@@ -1,7 +1,7 @@
 #include "daemon/policies.h"
 
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/daemon_fixture.h"
+#include "support/daemon_fixture.h"
 
 namespace testsupport {
 namespace {

@@ -6,10 +6,10 @@
 #include <csignal>
 #include <filesystem>
 
+#include "base/signals.h"
 #include "bookkeeping/replicationQueue.h"
-#include "daemon/daemon_fixture.h"
-#include "daemon/worker.h"
-#include "foundation/signals.h"
+#include "support/daemon_fixture.h"
+#include "worker/worker.h"
 
 namespace testsupport {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <csignal>
 
-#include "hash/signal_catch.h"
+#include "block/signal_catch.h"
 #include "hash_fixture.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <random>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "hash_fixture.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // What holds for both send phases.
 
-#include "foundation/settings.h"
+#include "config/settings.h"
 #include "send_fixture.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "bookkeeping/common.h"
-#include "foundation/pghelper.h"
+#include "database/pghelper.h"
 #include "support/catalogue.h"
 #include "support/root.h"
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 
 namespace {
 

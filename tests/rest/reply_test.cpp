@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "bandwidth/blockOut.h"
-#include "foundation/services.h"
+#include "config/services.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
 #include "support/root.h"

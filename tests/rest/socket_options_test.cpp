@@ -3,8 +3,8 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include "foundation/directories.h"
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
+#include "config/directories.h"
 #include "rest/lifecycle.h"
 #include "rest/session_internal.h"
 #include "support/root.h"

@@ -5,7 +5,7 @@
 
 #include <map>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "sis/lookup3.h"
 #include "sis_fixture.h"
 

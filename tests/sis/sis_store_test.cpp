@@ -11,7 +11,7 @@
 #include <numeric>
 #include <thread>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "sis_fixture.h"
 
 namespace {

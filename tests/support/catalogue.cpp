@@ -8,7 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "foundation/releaser.h"
+#include "base/releaser.h"
 #include "lab/cluster.h"
 
 namespace testsupport {

@@ -9,9 +9,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "foundation/directories.h"
-#include "foundation/logger.h"
-#include "foundation/paths.h"
+#include "base/paths.h"
+#include "config/directories.h"
+#include "log/logger.h"
 
 namespace testsupport {
 

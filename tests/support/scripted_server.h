@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace testsupport {
 

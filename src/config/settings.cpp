@@ -1,0 +1,4 @@
+#include "config/settings.h"
+
+ReplicationSettings g_settings;
+DaemonMode g_mode;

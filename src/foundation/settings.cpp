@@ -1,4 +1,0 @@
-#include "foundation/settings.h"
-
-ReplicationSettings g_settings;
-DaemonMode g_mode;

@@ -1,0 +1,149 @@
+#include "block/hash_value.h"
+
+#include <gtest/gtest.h>
+
+#include "support/block_record.h"
+#include "support/root.h"
+
+namespace {
+
+using testsupport::recordOf;
+using testsupport::TestRoot;
+
+const std::string ABC_DIGEST =
+    "DDAF35A193617ABACC417349AE20413112E6FA4E89A97EA20A9EEEE64B55D39A"
+    "2192992A274FC1A836BA3C23A3FEEBBD454D4423643CE80E2A9AC94FA54CA49F";
+
+TEST(Tuple3, NamesABlockAndIsReadBack) {
+    const TestRoot root;
+    char text[TUPLE3_SIZE];
+    ASSERT_EQ(hashValueTo3tuple(recordOf("abc"), text, sizeof text), 0);
+    EXPECT_EQ(text, "b-sha512-3-" + ABC_DIGEST);
+    EXPECT_EQ(hashValueTo3tuple(recordOf("abc"), text, std::strlen(text)), -1) << "no room for the NUL";
+    EXPECT_TRUE(root.logged("Query too long for buffer"));
+    hashValue longest = recordOf("abc");
+    longest.hashedLength = UINT64_MAX;
+    std::memcpy(longest.hashType, "8letters", 8);
+    EXPECT_EQ(hashValueTo3tuple(longest, text, sizeof text), 0) << "a type without a NUL";
+    hashValue back{};
+    EXPECT_EQ(tuple3ToHashValue(text, &back), 0);
+    longest.flags = hashValue_in;
+    EXPECT_EQ(std::memcmp(&back, &longest, sizeof back), 0);
+}
+
+TEST(Tuple3, RefusedTextLeavesAZeroedRecord) {
+    const TestRoot root;
+    const std::string digits(128, 'a');
+    const struct {
+        const char* what;
+        std::string text;
+        bool good;
+        bool logged;
+    } cases[] = {
+        {"lower case digits", "b-sha512-3-" + digits, true, false},
+        {"more digits than a digest", "b-sha512-3-" + digits + "zz", true, false},
+        {"another part behind", "b-sha512-3-" + digits + "-x", true, false},
+        {"unknown type is not refused here", "b-md5-3-" + digits, true, false},
+        {"other mark", "c-sha512-3-" + digits, false, true},
+        {"longer mark", "bb-sha512-3-" + digits, false, true},
+        {"empty", "", false, true},
+        {"only dashes", "---", false, true},
+        {"mark alone", "b", false, false},
+        {"no digest", "b-sha512-3", false, false},
+        {"empty digest", "b-sha512-3-", false, false},
+        {"empty type", "b--3-" + digits, false, false},
+        {"type of nine letters", "b-sha512abc-3-" + digits, false, false},
+        {"length is no number", "b-sha512-x-" + digits, false, false},
+        {"length below 0", "b-sha512--3-" + digits, false, false},
+        {"length over 64 bits", "b-sha512-18446744073709551616-" + digits, false, false},
+        {"one digit short", "b-sha512-3-" + digits.substr(1), false, false},
+        {"blank in the digits", "b-sha512-3- " + digits.substr(1), false, false},
+        {"sign in the digits", "b-sha512-3-+" + digits.substr(1), false, false},
+        {"NUL in the digits", "b-sha512-3-" + std::string(1, '\0') + digits.substr(1), false, false},
+    };
+    const hashValue zero{};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const_cast<TestRoot&>(root).clearLog();
+        hashValue value = recordOf("other");
+        EXPECT_EQ(tuple3ToHashValue(c.text, &value), c.good ? 0 : -1);
+        EXPECT_EQ(value.flags, c.good ? hashValue_in : 0u);
+        EXPECT_EQ(std::memcmp(&value, &zero, sizeof value) == 0, !c.good);
+        EXPECT_EQ(root.logged("Not a valid block format"), c.logged);
+    }
+}
+
+TEST(HashValue, OnlyTheWholeNameIsAKnownType) {
+    const struct {
+        char type[HASH_TYPE_SIZE];
+        int length;
+    } cases[] = {{"sha512", 64}, {"sha51", 0}, {"SHA512", 0}, {{'s', 'h', 'a', '5', '1', '2', '4', '\0'}, 0}, {"", 0}};
+    for (const auto& c : cases) {
+        hashValue value{};
+        std::memcpy(value.hashType, c.type, sizeof c.type);
+        EXPECT_EQ(hashLength(value), c.length) << c.type;
+    }
+}
+
+TEST(HashValue, FoldingCoversDigestOffsetTypeAndLength) {
+    const TestRoot root;
+    const hashValue value = recordOf("abc");
+    const hashOffset offset = testsupport::at(0x0102);
+    std::vector<std::uint8_t> all(64 + 8 + 6 + 8);
+    foldHashValue(value, offset, all);
+    EXPECT_EQ(std::memcmp(all.data(), value.digest, 64), 0);
+    EXPECT_EQ(all[64], 2);
+    EXPECT_EQ(all[65], 1);
+    EXPECT_EQ(std::memcmp(all.data() + 72, "sha512", 6), 0);
+    EXPECT_EQ(all[78], 3);
+    EXPECT_FALSE(root.logged("Warning"));
+    // A short key is the same bytes laid over each other.
+    for (const std::size_t length : {1u, 7u, 16u}) {
+        std::vector<std::uint8_t> expected(length);
+        for (std::size_t i = 0; i < all.size(); ++i)
+            expected[i % length] ^= all[i];
+        std::vector<std::uint8_t> key(length, 0xff);
+        foldHashValue(value, offset, key);
+        EXPECT_EQ(key, expected);
+    }
+    foldHashValue(value, offset, {});
+    std::vector<std::uint8_t> tooLong(87, 0xff);
+    foldHashValue(value, offset, tooLong);
+    EXPECT_EQ(tooLong.back(), 0);
+    EXPECT_TRUE(root.logged("maxBytesLen:86 output requested:87"));
+}
+
+TEST(HashValue, FlagsMoveToTheOtherSideAndTheDumpShowsThem) {
+    const TestRoot root;
+    hashReferenceInfo reference{};
+    static_cast<hashValue&>(reference) = recordOf("abc");
+    reference.flags = hashID_in | hashValue_in | SISoffset_out;
+    reference.referenceFlags = deduplicated_in | reference_complete | complete_in;
+    inFlagsToOut(&reference);
+    EXPECT_EQ(reference.flags, hashID_out | hashValue_out | SISoffset_out);
+    EXPECT_EQ(reference.referenceFlags, deduplicated_out | reference_complete | complete_out);
+    outFlagsToIn(&reference);
+    EXPECT_EQ(reference.flags, hashID_in | hashValue_in | SISoffset_in);
+    dumpHashValue(0, reference);
+    EXPECT_TRUE(root.logged("\t\t hashID_in:1\n\t\t SISoffset_in:1\n\t\t locationID_in:0\n\t\t hashValue_in:1\n"));
+    EXPECT_TRUE(root.logged("\t\t hashType:sha512\n\t\t hashValue:" + ABC_DIGEST + "\n"));
+}
+
+TEST(HashContext, StartsAnewEachTimeAndRefusesNull) {
+    const TestRoot root;
+    HashContextPtr context;
+    ASSERT_EQ(initializeHashContext(&context), 0);
+    ASSERT_EQ(addToHashContext(context.get(), "zzz", 3), 0);
+    ASSERT_EQ(initializeHashContext(&context), 0);
+    ASSERT_EQ(addToHashContext(context.get(), "abc", 3), 0);
+    ASSERT_EQ(hashFromHashContext(context.get()), 0);
+    EXPECT_EQ(std::memcmp(context->digest.data(), recordOf("abc").digest, 64), 0);
+    EXPECT_EQ(addToHashContext(context.get(), "d", 1), -1) << "the digest is out";
+    EXPECT_EQ(initializeHashContext(nullptr), -1);
+    EXPECT_EQ(addToHashContext(nullptr, "d", 1), -1);
+    EXPECT_EQ(hashFromHashContext(nullptr), -1);
+    freeHashContext(&context);
+    EXPECT_FALSE(context);
+}
+
+}  // namespace

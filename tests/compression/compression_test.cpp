@@ -1,0 +1,412 @@
+#include "compression/compression.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "base/file_descriptor.h"
+#include "compression/compression_support.h"
+#include "log/logger.h"
+
+namespace {
+
+using namespace testsupport;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class Compression : public ::testing::Test {
+protected:
+    TestRoot root;
+};
+
+struct Engine {
+    DqCompressionEngineType type;
+    int level;
+    const char* reader;  // somebody else's
+};
+const Engine ENGINES[] = {{DQ_ENGINE_ZLIB, 1, "zcat < in"},     {DQ_ENGINE_ZLIB, 9, "pigz -dc < in"},
+                          {DQ_ENGINE_ZLIB, 0, "gzip -dc < in"}, {DQ_ENGINE_LZ4, 1, "lz4 -dc < in"},
+                          {DQ_ENGINE_LZ4, 4, "lz4 -dc < in"},   {DQ_ENGINE_LZ4, 9, "lz4 -dc < in"}};
+
+TEST_F(Compression, OtherPeoplesToolsReadWhatIsWritten) {
+    for (const Engine& engine : ENGINES)
+        for (const Content kind : {Content::text, Content::noise, Content::mixed})
+            for (const std::size_t size : {1u, 65535u, 65536u, 65537u, 131072u, 3000001u}) {
+                SCOPED_TRACE("engine " + std::to_string(engine.type) + " level " + std::to_string(engine.level) +
+                             " content " + std::to_string(static_cast<int>(kind)) + " size " + std::to_string(size));
+                const std::string data = contentOf(kind, size);
+                DqCompressionOptions options;
+                options.level = engine.level;
+                options.blockOctets = 65536;
+                const std::string file = compressed(data, engine.type, options);
+                ASSERT_GT(file.size(), indexSize(size));
+                const std::string stream = file.substr(0, file.size() - indexSize(size));
+                ASSERT_TRUE(through(root, stream, engine.reader) == data);
+                if (engine.type == DQ_ENGINE_LZ4) {
+                    // The data ends where the index begins: neither an error nor a byte of it.
+                    const Unpacked all = unpacked(file);
+                    ASSERT_EQ(all.error, DQ_NOT_COMPRESSED);
+                    ASSERT_EQ(all.consumed, stream.size());
+                    ASSERT_TRUE(all.data == data);
+                }
+            }
+}
+
+TEST_F(Compression, PiecesOfInputAndOutputDontChangeTheFile) {
+    for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4})
+        for (const std::size_t block : {65536u, 100000u, 131072u}) {
+            const std::string data = contentOf(Content::mixed, 900000);
+            DqCompressionOptions options;
+            options.blockOctets = block;
+            const std::string whole = compressed(data, engine, options);
+            for (const std::size_t piece : {5000u, 70000u, 300000u})
+                EXPECT_TRUE(compressed(data, engine, options, piece) == whole)
+                    << engine << " " << block << " " << piece;
+        }
+}
+
+TEST_F(Compression, BlocksHaveExactlyTheStatedHeads) {
+    const std::string gzip = compressed("abc", DQ_ENGINE_ZLIB);
+    EXPECT_EQ(gzip.substr(0, 10), std::string("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10));
+    // One byte can't shrink: length with the top bit, the byte, XXH32 of it, end mark, XXH32 of the stream.
+    const std::string lz4 = compressed("a", DQ_ENGINE_LZ4);
+    const std::string hash("\x56\x74\x0d\x55", 4);
+    EXPECT_EQ(lz4.substr(0, 24), std::string("\x04\x22\x4d\x18\x74\x40\xbd\x01\0\0\x80"
+                                             "a",
+                                             12) +
+                                     hash + std::string(4, '\0') + hash);
+}
+
+TEST_F(Compression, EmptyInputHasNoBlocksAndTwoEmptyTables) {
+    for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4}) {
+        const std::string file = compressed("", engine);
+        ASSERT_EQ(file.size(), indexSize(0));
+        EXPECT_THAT(file, StartsWith("ae9b77131072  111"));
+        EXPECT_STREQ(file.c_str() + file.size() - 32, "ae9b77 64 0 ");
+    }
+}
+
+TEST_F(Compression, FilesPathsAndDescriptorsServeAsChannels) {
+    const std::string data = contentOf(Content::mixed, 700001);
+    for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4}) {
+        const std::string expected = compressed(data, engine);
+        const std::string in = root / "tmp/data";
+        const std::string out = root / "tmp/packed";
+        writeFile(in, data);
+        for (const char* how : {"paths", "files", "descriptors"}) {
+            SCOPED_TRACE(how);
+            const FileDescriptor inFd(open(in.c_str(), O_RDONLY | O_CLOEXEC));
+            const FileDescriptor outFd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+            FILE* const inFile = std::fopen(in.c_str(), "rbe");
+            FILE* const outFile = std::fopen(out.c_str(), "wbe");
+            DqCompressionOptions options;
+            if (*how == 'p') {
+                options.inputPath = in.c_str();
+                options.outputPath = out.c_str();
+            } else if (*how == 'f') {
+                options.inputFile = inFile;
+                options.outputFile = outFile;
+            } else {
+                options.inputFd = inFd.get();
+                options.outputFd = outFd.get();
+            }
+            DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, engine, options);
+            EXPECT_EQ(DqCompressionFlush(&state), DQ_SUCCESS) << state._errorDetails;
+            EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS) << state._errorDetails;
+            EXPECT_TRUE(readFile(out) == expected);
+            std::fclose(inFile);
+            std::fclose(outFile);
+        }
+    }
+}
+
+TEST_F(Compression, StateSeeksAFileThatSomebodyElseMoved) {
+    const std::string packed = root / "tmp/packed";
+    FILE* const file = std::fopen(packed.c_str(), "w+be");
+    std::fputs("head", file);
+    DqCompressionOptions options;
+    options.outputFile = file;
+    DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, DQ_ENGINE_LZ4, options);
+    const std::string data = contentOf(Content::noise, 150000);
+    for (std::string_view rest = data; !rest.empty();) {
+        feed(&state, &rest, 100000);
+        EXPECT_EQ(DqCompressionFlush(&state), DQ_SUCCESS);
+        std::rewind(file);
+    }
+    EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
+    std::fclose(file);
+    const std::string bytes = readFile(packed);
+    EXPECT_THAT(bytes, StartsWith("head"));
+    EXPECT_TRUE(unpacked(std::string_view(bytes).substr(4)).data == data);
+}
+
+TEST_F(Compression, PassEngineCopies) {
+    const std::string data = contentOf(Content::noise, 500000);
+    writeFile(root / "tmp/a", data);
+    const std::string a = root / "tmp/a";
+    const std::string b = root / "tmp/b";
+    DqCompressionOptions options;
+    options.inputPath = a.c_str();
+    options.outputPath = b.c_str();
+    DqCompressionState state = CreateDqCompressionState(DQ_PASS, DQ_ENGINE_NONE, options);
+    EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
+    EXPECT_TRUE(readFile(b) == data);
+}
+
+TEST_F(Compression, CreationRefuses) {
+    std::vector<std::byte> buffer(DQ_MIN_OUTPUT_BUFFER);
+    const std::span<std::byte> all(buffer);
+    const auto with = [](auto change) {
+        DqCompressionOptions options;
+        change(options);
+        return options;
+    };
+    const struct {
+        DqCompressionOp op;
+        DqCompressionEngineType engine;
+        DqCompressionOptions options;
+        DqCompressionErr error;
+        const char* text;
+    } cases[] = {
+        {DQ_COMPRESS, DQ_ENGINE_ZLIB, with([&](auto& o) { o.segmentOctets = 3 << 20; }), DQ_INVALID_STATE,
+         "CreateDqCompressionState Index segment size must be a factor of 10MB"},
+        {DQ_COMPRESS, DQ_ENGINE_LZ4, with([&](auto& o) { o.outputBuffer = all.first(9999991); }), DQ_BAD_ARGUMENT,
+         "CreateDqCompressionState outoctets=9999991"},
+        {DQ_COMPRESS, DQ_ENGINE_LZ4, with([&](auto& o) { o.outputOctets = 9999991; }), DQ_BAD_ARGUMENT, "outoctets="},
+        {DQ_COMPRESS, DQ_ENGINE_LZ4, with([&](auto& o) { o.inputBuffer = all.first(0); }), DQ_BAD_ARGUMENT,
+         "inpoctets=0"},
+        {DQ_DECOMPRESS, DQ_ENGINE_LZ4,
+         with([&](auto& o) { o.inputBuffer = all.first(200000), o.outputBuffer = all.subspan(199999); }),
+         DQ_BAD_ARGUMENT, "overlap"},
+        {DQ_COMPRESS, DQ_ENGINE_ZLIB, with([&](auto& o) { o.inputOctets = 65536; }), DQ_INVALID_STATE,
+         "less than 131072"},
+        {DQ_COMPRESS, DQ_ENGINE_ZLIB,
+         with([&](auto& o) { o.segmentOctets = DQ_SECONDARY_CHUNK, o.outputBuffer = all; }), DQ_INVALID_STATE,
+         "a buffer of 9999992 bytes"},
+        {DQ_COMPRESS, DQ_ENGINE_RX9, {}, DQ_FILE_ERROR, "/dev/rx9"},
+        {DQ_COMPRESS, DQ_ENGINE_NONE, {}, DQ_BAD_ARGUMENT, "engine=0"},
+        {static_cast<DqCompressionOp>(4), DQ_ENGINE_LZ4, {}, DQ_BAD_ARGUMENT, "op=4"},
+        {DQ_COMPRESS, DQ_ENGINE_LZ4, with([&](auto& o) { o.inputPath = "/nowhere/at/all"; }), DQ_FILE_ERROR,
+         "/nowhere"},
+    };
+    for (const auto& c : cases) {
+        root.clearLog();
+        DqCompressionState state = CreateDqCompressionState(c.op, c.engine, c.options);
+        EXPECT_EQ(state._error, c.error) << c.text;
+        EXPECT_TRUE(root.logged(c.text)) << c.text << "\n" << root.log();
+        EXPECT_TRUE(root.logged("_errorDetails="));
+        EXPECT_EQ(DqCompressionBlock(&state), c.error);
+        EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
+        EXPECT_EQ(DqCompressionFlush(&state), DQ_BAD_ARGUMENT) << "a destroyed state";
+    }
+    DqCompressionState never;
+    EXPECT_EQ(DqCompressionBlock(&never), DQ_BAD_DATA);
+    EXPECT_EQ(DqCompressionBlock(nullptr), DQ_BAD_ARGUMENT);
+}
+
+TEST_F(Compression, DebugHoldWaitsForTheFile) {
+    const std::string hold = root / "tmp/CreateDqCompressionState_wait";
+    writeFile(hold, "");
+    std::thread developer([&] {
+        while (!root.logged("_wait to be removed..."))
+            std::this_thread::yield();
+        unlink(hold.c_str());
+    });
+    const DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, DQ_ENGINE_LZ4, {});
+    EXPECT_NE(access(hold.c_str(), F_OK), 0);
+    EXPECT_EQ(state._error, DQ_SUCCESS);
+    developer.join();
+}
+
+TEST_F(Compression, FullDeviceIsAFileErrorAndStays) {
+    DqCompressionOptions options;
+    const FileDescriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    options.outputFd = full.get();
+    DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, DQ_ENGINE_ZLIB, options);
+    std::string_view rest = "some data";
+    feed(&state, &rest, SIZE_MAX);
+    EXPECT_EQ(DqCompressionClose(&state), DQ_FILE_ERROR);
+    EXPECT_THAT(state._errorDetails, HasSubstr(std::strerror(ENOSPC)));
+    EXPECT_EQ(DqCompressionBlock(&state), DQ_FILE_ERROR);
+}
+
+TEST_F(Compression, EngineNames) {
+    EXPECT_EQ(engine_type_of(nullptr), DQ_ENGINE_ZLIB);
+    EXPECT_EQ(engine_type_of("AUTO"), DQ_ENGINE_ZLIB);
+    EXPECT_EQ(engine_type_of("uGz"), DQ_ENGINE_ZLIB);
+    EXPECT_EQ(engine_type_of("LZ4"), DQ_ENGINE_LZ4);
+    EXPECT_EQ(engine_type_of("rx9"), DQ_ENGINE_RX9);
+    EXPECT_EQ(engine_type_of("none"), DQ_ENGINE_NONE);
+    EXPECT_FALSE(root.logged("unknown CompressEngine"));
+    EXPECT_EQ(engine_type_of("lz4x"), DQ_ENGINE_NONE);
+    EXPECT_TRUE(root.logged("unknown CompressEngine value: lz4x"));
+}
+
+// --- the LZ4 reader ---
+
+TEST_F(Compression, FramesOfTheLz4ToolAreRead) {
+    for (const char* flags : {"-1 -B4", "-1 -B7", "-9 -B5", "--content-size -B6", "-1 -BI"})
+        for (const std::size_t size : {1u, 65536u, 5000000u})
+            for (const std::size_t piece : {std::size_t{777}, std::size_t{65536}, SIZE_MAX}) {
+                if (piece == 777 && size > 65536)
+                    continue;
+                SCOPED_TRACE(std::string(flags) + " size " + std::to_string(size) + " piece " + std::to_string(piece));
+                const std::string data = contentOf(Content::mixed, size);
+                const std::string file = through(root, data, std::string("lz4 -c -BX ") + flags + " in");
+                const Unpacked twice = unpacked(file + file, piece);
+                ASSERT_EQ(twice.error, DQ_SUCCESS);
+                ASSERT_FALSE(twice.inFrame);
+                ASSERT_TRUE(twice.data == data + data);
+            }
+}
+
+TEST_F(Compression, UpToSixBytesBehindAFrameEndTheDataQuietly) {
+    const std::string frame = through(root, "data", "lz4 -c -BX in");
+    for (std::size_t extra = 1; extra <= 6; extra++) {
+        const Unpacked all = unpacked(frame + std::string(extra, 'x'));
+        EXPECT_EQ(all.error, DQ_SUCCESS);
+        EXPECT_FALSE(all.inFrame);
+        EXPECT_EQ(all.data, "data");
+    }
+    EXPECT_EQ(unpacked(frame + "xxxxxxx").error, DQ_NOT_COMPRESSED);
+    EXPECT_TRUE(root.logged("Not a LZ4 magic number: 78787878"));
+}
+
+// A frame of text and noise, small enough to be broken at each byte.
+std::string smallFrame(const TestRoot& root) {
+    return through(root, contentOf(Content::text, 300) + contentOf(Content::noise, 40), "lz4 -c -BX --content-size in");
+}
+
+TEST_F(Compression, FlippedBitsAreDamage) {
+    const std::string frame = smallFrame(root);
+    const std::string data = unpacked(frame).data;
+    constexpr std::size_t STORED_MARK = (15 + 3) * 8 + 7;
+    log_level = 0;
+    for (std::size_t bit = 0; bit < frame.size() * 8; bit++) {
+        std::string bad = frame;
+        bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ 1 << bit % 8);
+        const Unpacked got = unpacked(bad);
+        // One bit means nothing: an end mark with a stored block's mark still has the length 0.
+        ASSERT_TRUE(got.error != DQ_SUCCESS || got.inFrame || got.data == data) << "bit " << bit;
+        // The mark of a stored block is no part of its checksum; the frame's own tells, behind the block.
+        ASSERT_TRUE(bit == STORED_MARK || data.starts_with(got.data)) << "bit " << bit;
+    }
+}
+
+TEST_F(Compression, CutFilesAreNoticed) {
+    const std::string frame = smallFrame(root);
+    const std::string data = unpacked(frame).data;
+    const std::string path = root / "tmp/cut";
+    log_level = 0;
+    for (std::size_t size = 7; size < frame.size(); size++) {
+        const Unpacked got = unpacked(std::string_view(frame).substr(0, size));
+        ASSERT_EQ(got.error, DQ_SUCCESS) << size;
+        ASSERT_TRUE(got.inFrame || size < 15) << size;
+        ASSERT_THAT(data, StartsWith(got.data)) << size;
+        // A state with a file of its own sees the end itself.
+        writeFile(path, frame.substr(0, size));
+        DqCompressionOptions options;
+        options.inputPath = path.c_str();
+        DqCompressionState state = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
+        DqCompressionErr error = DQ_SUCCESS;
+        for (int calls = 0; calls < 10 && error == DQ_SUCCESS; calls++) {
+            error = DqCompressionBlock(&state);
+            DqCompressionConsume(&state.output, SIZE_MAX);
+        }
+        ASSERT_EQ(error, DQ_BAD_DATA) << size;
+    }
+}
+
+TEST_F(Compression, RefusedFrames) {
+    const std::string magic("\x04\x22\x4d\x18", 4);
+    const std::string head = magic + "\x74\x40\xbd";
+    const auto word = [](std::uint32_t n) { return std::string(reinterpret_cast<const char*>(&n), 4); };
+    const struct {
+        std::string file;
+        const char* text;
+    } cases[] = {
+        {magic + "\x75\x40\xbd", "Invalid LZ4 stream FLG version: 40 != 0x40"},
+        {magic + "\xb4\x40\xbd", "Invalid LZ4 stream FLG version: 80 != 0x40"},
+        {magic + "\x54\x40\xbd", "Invalid LZ4 stream FLG version: 40 != 0x40"},
+        {magic + "\x74\x41\xbd", "Invalid LZ4 stream BD reserved bits: 1"},
+        {magic + "\x74\x30\xbd", "Invalid LZ4 stream BD reserved bits: 0"},
+        {magic + "\x74\x40\xbe", "LZ4 header checksum error"},
+        {head + word(65537), "LZ4 block of 65537 bytes, the frame allows 65536"},
+        {head + word(0xFFFFFFFF), "LZ4 block of 2147483647 bytes"},
+        {head + word(1) + "a" + word(0), "LZ4 block hash failed"},
+        {head + word(1) + "a" + word(0x550d7456), "can't be decompressed"},
+        {head + word(0) + word(0), "LZ4 stream hash failed"},
+        {through(root, "data", "lz4 -c -BX --no-frame-crc in") + "more", "LZ4 stream checksum is NULL"},
+    };
+    for (const auto& c : cases) {
+        root.clearLog();
+        EXPECT_EQ(unpacked(c.file).error, DQ_BAD_DATA) << c.text;
+        EXPECT_TRUE(root.logged(c.text)) << c.text << "\n" << root.log();
+    }
+}
+
+TEST_F(Compression, GivenBuffersThatCantTakeABlockAreNoEndlessLoop) {
+    const std::string file = through(root, contentOf(Content::text, 2000000), "lz4 -c -BX -B7 in");
+    const std::string noise = through(root, contentOf(Content::noise, 2000000), "lz4 -c -BX -B7 in");
+    std::vector<std::byte> buffer(DQ_DEFAULT_SEGMENT);
+    for (const std::string& input : {file, noise}) {
+        DqCompressionOptions options;
+        (&input == &file ? options.outputBuffer : options.inputBuffer) = buffer;
+        DqCompressionState state = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
+        std::string_view rest = input;
+        DqCompressionErr error = DQ_SUCCESS;
+        for (int calls = 0; calls < 100 && error == DQ_SUCCESS; calls++) {
+            feed(&state, &rest, SIZE_MAX);
+            error = DqCompressionBlock(&state);
+        }
+        EXPECT_EQ(error, DQ_INVALID_STATE);
+    }
+}
+
+TEST_F(Compression, RestartReadsFromAnyBlockAndForgivesDamage) {
+    const std::string data = contentOf(Content::mixed, 400000);
+    DqCompressionOptions packing;
+    packing.blockOctets = 65536;
+    const std::string file = compressed(data, DQ_ENGINE_LZ4, packing);
+    DqCompressionState state = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, {});
+    std::string_view rest = "neither this nor that";
+    feed(&state, &rest, SIZE_MAX);
+    EXPECT_EQ(DqCompressionBlock(&state), DQ_NOT_COMPRESSED);
+    EXPECT_EQ(DqCompressionBlock(&state), DQ_NOT_COMPRESSED) << "stays";
+    DqCompressionRestart(&state);
+    rest = file;
+    feed(&state, &rest, SIZE_MAX);
+    EXPECT_EQ(DqCompressionBlock(&state), DQ_SUCCESS);
+    EXPECT_FALSE(DqCompressionInFrame(state)) << "a call stops at the end of a frame";
+    std::string first;
+    take(&state, &first, SIZE_MAX);
+    EXPECT_TRUE(first == data.substr(0, 65536));
+}
+
+// --- large ---
+
+TEST_F(Compression, LargeSparseFileComesBack) {
+    constexpr std::size_t SIZE = std::size_t{256} << 20;
+    const std::string in = root / "tmp/sparse";
+    const std::string out = root / "tmp/packed";
+    log_level = 0;
+    for (const Engine& engine : {ENGINES[0], ENGINES[3]}) {
+        writeFile(in, "head");
+        ASSERT_EQ(truncate(in.c_str(), static_cast<off_t>(SIZE)), 0);
+        DqCompressionOptions options;
+        options.inputPath = in.c_str();
+        options.outputPath = out.c_str();
+        options.inputOctets = 1 << 20;
+        DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, engine.type, options);
+        ASSERT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
+        ASSERT_EQ(truncate(out.c_str(), static_cast<off_t>(readFile(out).size() - indexSize(SIZE))), 0);
+        EXPECT_EQ(tool(root, "ln -f packed in; " + std::string(engine.reader) + " | cmp - sparse"), 0);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,209 @@
+#include "config/directories.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "base/paths.h"
+#include "log/logger.h"
+#include "support/root.h"
+
+namespace {
+
+using testsupport::readFile;
+using testsupport::writeFile;
+
+class Directories : public testing::Test {
+protected:
+    // The start changes the directory, the environment and the locale of its process, so it gets one of its own.
+    // True if the body ended and no expectation in it failed.
+    static bool inOwnProcess(const std::function<void()>& body) {
+        (void)fflush(nullptr);  // else the child would print it again
+        const pid_t pid = fork();
+        if (pid == 0) {
+            unsetenv("DQDIR");
+            body();
+            (void)fflush(nullptr);
+            _exit(HasFailure() ? 1 : 0);
+        }
+        int status = -1;
+        return pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
+    }
+    std::string install() const { return root / "usr/dq"; }
+
+    testsupport::TestRoot root;
+};
+
+TEST_F(Directories, FullStartFindsMakesAndExportsTheDirectories) {
+    root.masterIni("[Configuration Options]\nOemName=" + std::string(70, 'o') +
+                   "\nTitle=\"A title; cut\"\nDefProfile=My.spr\nQueue=9\nAlwaysSkip=off\n"
+                   "[Location Information]\nReports-Dir=" +
+                   (root / "tmp/reports").string() + "\n[debugging]\nprog=104\n");
+    EXPECT_TRUE(inOwnProcess([this] {
+        set_program_name("/opt/somewhere/prog");
+        ASSERT_EQ(init_application(), 0);
+        EXPECT_EQ(std::filesystem::current_path().string(), install());
+        for (const char* made : {"profiles.dir", "lists.dir", "info.dir", "catalog.dir", "logs.dir"})
+            EXPECT_TRUE(std::filesystem::is_directory(install() + "/" + made)) << made;
+        EXPECT_TRUE(std::filesystem::is_directory(root / "tmp/reports"));
+        const std::pair<const char*, std::string> environment[] = {{"DQ_MASTER_INI", install() + "/dqinit/master.ini"},
+                                                                   {"DQ_APPDIR", install()},
+                                                                   {"DQDIR", install()},
+                                                                   {"DQ_BINDIR", install() + "/bin"},
+                                                                   {"BKUPBIN", install() + "/bin"},
+                                                                   {"DQ_LOGDIR", install() + "/logs.dir"},
+                                                                   {"DQ_REPORTDIR", root / "tmp/reports"},
+                                                                   {"DQ_INITDIR", install() + "/dqinit"},
+                                                                   {"DQ_XRDIR", install() + "/dqinit/xresources"},
+                                                                   {"DQ_LISTDIR", install() + "/lists.dir"},
+                                                                   {"DQ_PROFILEDIR", install() + "/profiles.dir"},
+                                                                   {"DQ_INFODIR", install() + "/info.dir"},
+                                                                   {"DQ_UTILDIR", install() + "/util"},
+                                                                   {"DQ_LIBDIR", install() + "/lib"}};
+        for (const auto& [name, value] : environment)
+            EXPECT_STREQ(getenv(name), value.c_str()) << name;
+        testing::internal::CaptureStdout();
+        export_environment(1);
+        EXPECT_NE(testing::internal::GetCapturedStdout().find(": ${DQDIR:=" + install() + "}\n"), std::string::npos);
+        EXPECT_EQ(g_appname, std::string(63, 'o'));
+        EXPECT_EQ(g_state.title, "A title");
+        EXPECT_EQ(g_state.profile, install() + "/profiles.dir/My.spr");
+        EXPECT_EQ(g_state.queue, 9);
+        EXPECT_EQ(g_state.servicePort, 1743);
+        EXPECT_FALSE(g_state.alwaysSkip);
+        EXPECT_EQ(g_state.error, 0);
+        EXPECT_EQ(log_level, 4);
+        EXPECT_EQ(log_simple, 1);
+        close_log();
+        EXPECT_NE(readFile(install() + "/logs.dir/dq.log").find("Using 1743\n"), std::string::npos);
+        for (const auto& entry : std::filesystem::directory_iterator(install() + "/logs.dir"))
+            EXPECT_EQ(entry.path().filename().string().find(".AAA"), std::string::npos);
+    }));
+}
+
+TEST_F(Directories, InstallDirectoryIsSearchedInOrder) {
+    const std::string standard = systemPath(paths::INSTALL_DIR);
+    const std::string fromIni = root / "tmp/ini";
+    const std::string fromEnvironment = root / "tmp/env";
+    const struct {
+        const char* what;
+        const char* environment;
+        const char* ini;  // null: no dq.ini
+        std::string directory;
+    } cases[] = {
+        {"environment first", fromEnvironment.c_str(), fromIni.c_str(), fromEnvironment},
+        {"then dq.ini", nullptr, fromIni.c_str(), fromIni},
+        {"no dq.ini", nullptr, nullptr, standard},
+        {"empty", nullptr, "", standard},
+        {"marked as missing", "N/A", fromIni.c_str(), standard},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_TRUE(inOwnProcess([&] {
+            if (c.environment != nullptr)
+                setenv("DQDIR", c.environment, 1);
+            if (c.ini != nullptr)
+                writeFile(root / "etc/default/dq.ini", std::string("[Location Information]\nDQDIR=") + c.ini + "\n");
+            else
+                std::filesystem::remove(root / "etc/default/dq.ini");
+            ASSERT_EQ(init_application(), 0);
+            EXPECT_EQ(g_appdir, c.directory);
+        }));
+    }
+}
+
+TEST_F(Directories, PathsThatAreTooLongOrRelativeAreToldApart) {
+    EXPECT_TRUE(inOwnProcess([this] {
+        setenv("DQDIR", ("/" + std::string(300, 'd')).c_str(), 1);
+        EXPECT_EQ(init_application(), -1);
+        setenv("DQDIR", ("/" + std::string(240, 'd')).c_str(), 1);  // only master.ini's path is too long
+        EXPECT_EQ(init_application(), -1);
+        EXPECT_TRUE(root.logged("Installed directory path is too long\n"));
+        ASSERT_EQ(chdir((root / "tmp").c_str()), 0);
+        setenv("DQDIR", "relative", 1);
+        EXPECT_EQ(init_application(), 0);
+        EXPECT_EQ(g_state.error, 17);
+        EXPECT_TRUE(root.logged("DQ path: relative must start with / - re-install"));
+        EXPECT_TRUE(std::filesystem::is_directory(root / "tmp/relative"));
+    }));
+}
+
+TEST_F(Directories, NiceClassSetsThePriority) {
+    root.masterIni("[Nice]\nprog=3\nother=2\n[Configuration Options]\nNiceLow=27\n");
+    const int before = getpriority(PRIO_PROCESS, 0);
+    for (const auto& [name, added] : {std::pair("prog", 7), std::pair("other", 0), std::pair("none", 0)})
+        EXPECT_TRUE(inOwnProcess([&, program = name, change = added] {
+            set_program_name(program);
+            ASSERT_EQ(init_application(), 0);
+            EXPECT_EQ(getpriority(PRIO_PROCESS, 0), before + change);
+        })) << name;
+}
+
+TEST_F(Directories, LightStartFallsBackStepByStep) {
+    const std::string directory = root / "tmp/app";
+    const struct {
+        const char* key;
+        int result;
+        std::string appdir;
+        std::string below;
+    } cases[] = {
+        {"DQDIR", 0, directory, "/dqinit"}, {"APPDIR", 0, directory, "/config"}, {"none", -1, install(), "/config"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.key);
+        const std::string dqIni = root / "etc/default/x.ini";
+        writeFile(dqIni, std::string("[Location Information]\n") + c.key + "=" + directory + "\n[Debugging]\nprog=5\n");
+        log_level = 1;
+        EXPECT_EQ(init_globals("/some/prog", "x.ini", install().c_str()), c.result);
+        EXPECT_EQ(g_appdir, c.appdir);
+        EXPECT_EQ(g_initdir, c.appdir + c.below);
+        EXPECT_EQ(g_logdir, c.appdir + "/logs.dir");
+        EXPECT_EQ(g_master_ini, dqIni);  // master.ini is not there, so the bootstrap file serves
+        EXPECT_EQ(log_level, 5);
+    }
+    EXPECT_EQ(init_globals("prog", "dq.ini", "/none"), 0);
+    EXPECT_EQ(g_master_ini, install() + "/dqinit/master.ini");
+    std::string value = "untouched";
+    root.masterIni("[S]\nk=v\nmissing=\nmarked=N/A\n");
+    EXPECT_EQ(get_config_value("S", "k", &value), 0);
+    EXPECT_EQ(value, "v");
+    EXPECT_EQ(get_config_value("S", "missing", &value), -1);
+    EXPECT_EQ(get_config_value("S", "marked", &value), -1);
+    EXPECT_EQ(get_config_value("S", "absent", &value), -1);
+}
+
+TEST_F(Directories, ProgramNameIsTheEndOfTheCall) {
+    for (const auto& [argv0, name] :
+         {std::pair("/usr/dq/bin/ferryd", "ferryd"), std::pair("ferryd", "ferryd"),
+          std::pair("abcdefghijklmnopqrstuvwxyz0123456789", "efghijklmnopqrstuvwxyz0123456789"),
+          std::pair("dir/abcdefghijklmnopqrstuvwxyz012345", "abcdefghijklmnopqrstuvwxyz012345")}) {
+        set_program_name(argv0);
+        EXPECT_EQ(ghAppName, name);
+    }
+}
+
+TEST_F(Directories, CallNamesClearWhenFull) {
+    EXPECT_STREQ(dbproc_name(), "Not set:");
+    EXPECT_EQ(pop_name(), -1);
+    EXPECT_EQ(push_name(nullptr), 0);
+    EXPECT_STREQ(dbproc_name(), "Not set:");
+    for (int i = 1; i < 50; i++)
+        EXPECT_EQ(push_name(("name" + std::to_string(i)).c_str()), 0);
+    EXPECT_STREQ(dbproc_name(), "name49");
+    EXPECT_EQ(push_name("one too many"), -1);
+    EXPECT_TRUE(root.logged("WARNING: push_name() limit of 50 reached\n"));
+    EXPECT_TRUE(root.logged("name_array[49] is \"name49\"\n"));
+    EXPECT_STREQ(dbproc_name(), "Not set:");
+    EXPECT_EQ(push_name(std::string(100, 'x').c_str()), 0);
+    EXPECT_EQ(dbproc_name(), std::string(63, 'x'));
+    EXPECT_EQ(push_name("%%s"), 0);
+    EXPECT_STREQ(dbproc_name(), "Not set:");
+    EXPECT_EQ(pop_name(), 0);
+    EXPECT_EQ(pop_name(), 0);
+    EXPECT_EQ(pop_name(), -1);
+}
+
+}  // namespace

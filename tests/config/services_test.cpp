@@ -1,0 +1,226 @@
+#include "config/services.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/file_descriptor.h"
+#include "config/directories.h"
+#include "support/root.h"
+
+namespace {
+
+using testsupport::writeFile;
+
+class Services : public testing::Test {
+protected:
+    void program(const char* name, const std::string& body) const {
+        const std::string path = g_bindir + "/" + name;
+        writeFile(path, "#!/bin/sh\n" + body + "\n");
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    }
+    testsupport::TestRoot root;
+};
+
+TEST_F(Services, CapabilityIsAWordAtTheStartOfALine) {
+    const std::string file = root / "var/opt/kestrelix/platform_capabilities";
+    EXPECT_EQ(platformSupportsDedupNT(), 0);  // no file
+    const struct {
+        const char* text;
+        int dedupNT;
+        int inlineDedup;
+        int isVirtual;
+    } cases[] = {
+        {"", 0, 0, 0},
+        {"dedupNT\ninlineDedup on\nvirtual_machine\n", 1, 1, 1},
+        {"has dedupNT\n inlineDedup\n# virtual_machine\n", 0, 0, 0},
+        {"dedupNTx\ninlineDedup_2\nvirtual_machines\n", 0, 0, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        writeFile(file, c.text);
+        EXPECT_EQ(platformSupportsDedupNT(), c.dedupNT);
+        EXPECT_EQ(platformSupportsInlineDedup(), c.inlineDedup);
+        EXPECT_EQ(isARXVirtual(), c.isVirtual);
+    }
+    EXPECT_TRUE(root.logged("platformSupportsDedupNT: command is: grep -w '^dedupNT' " + file + " >/dev/null 2>&1\n"));
+    EXPECT_TRUE(root.logged(": isARXVirtual: True\n"));
+}
+
+TEST_F(Services, PlatformProgramsAnswerByTheirStatus) {
+    EXPECT_EQ(platformSupportsDedup(), 0);  // no such program: status 127
+    EXPECT_EQ(platformSupportsiSynth(), 127);
+    for (const auto& [status, dedup] : {std::pair(0, 0), std::pair(1, 1), std::pair(4, 4), std::pair(5, 0)}) {
+        program("platformSupportsDedup", "exit " + std::to_string(status));
+        program("platformSupportsSynth", "exit " + std::to_string(status));
+        EXPECT_EQ(platformSupportsDedup(), dedup);
+        EXPECT_EQ(platformSupportsiSynth(), status);
+    }
+    program("platformSupportsSynth", "kill -KILL $PPID");  // the shell dies, as under the out-of-memory killer
+    EXPECT_EQ(platformSupportsiSynth(), 0);
+    EXPECT_TRUE(root.logged("platformSupportsSynth 2>/dev/null was signaled with Killed\n"));
+    g_bindir = (root / "bin of 'x'").string();
+    std::filesystem::create_directory(g_bindir);
+    program("platformSupportsDedup", "exit 3");
+    EXPECT_EQ(platformSupportsDedup(), 3);
+}
+
+TEST_F(Services, ChecksumAgreesWithAnotherImplementation) {
+    std::vector<unsigned char> data(5000);
+    std::iota(data.begin(), data.end(), static_cast<unsigned char>(3));
+    for (const std::size_t length : {0u, 1u, 9u, 256u, 5000u})
+        EXPECT_EQ(crc32_buffer(data.data(), length), crc32(0, data.data(), static_cast<uInt>(length))) << length;
+    EXPECT_EQ(crc32_buffer(reinterpret_cast<const unsigned char*>("123456789"), 9), 0xcbf43926u);
+}
+
+std::atomic<int> alarms = 0;
+
+// Sends SIGALRM to a thread three times, each while it sleeps in a system call. False if it ends before.
+bool interruptAsleep(std::thread& thread, const std::atomic<pid_t>& id) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int i = 0; i < 3; i++) {
+        const int before = alarms;
+        std::string state;
+        for (; state.find(") S ") == std::string::npos; std::this_thread::yield()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            state = testsupport::readFile("/proc/self/task/" + std::to_string(id) + "/stat");
+        }
+        pthread_kill(thread.native_handle(), SIGALRM);
+        while (alarms == before)
+            std::this_thread::yield();
+    }
+    return true;
+}
+
+TEST_F(Services, ReadAndWriteGoOnAfterSignalsAndShortCounts) {
+    struct sigaction action = {};  // without SA_RESTART
+    struct sigaction previous = {};
+    action.sa_handler = [](int) { alarms++; };
+    ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const FileDescriptor reader(ends[0]);
+    FileDescriptor writer(ends[1]);
+    std::vector<char> sent(1'000'000);
+    for (std::size_t i = 0; i < sent.size(); i++)
+        sent[i] = static_cast<char>(i * 31 / 7);
+    const int size = static_cast<int>(sent.size());
+    std::vector<char> got(sent.size() + 100);
+    std::atomic<pid_t> id = 0;
+    int done = 0;
+
+    std::thread reads([&] {
+        id = gettid();
+        done = safe_read(reader.get(), got.data(), 1000);
+    });
+    EXPECT_TRUE(interruptAsleep(reads, id));
+    EXPECT_EQ(safe_write(writer.get(), sent.data(), 1000), 1000);
+    reads.join();
+    EXPECT_EQ(done, 1000);
+
+    id = 0;
+    std::thread writes([&] {
+        id = gettid();
+        done = safe_write(writer.get(), sent.data(), size);  // far more than a pipe holds
+        writer.reset();
+    });
+    EXPECT_TRUE(interruptAsleep(writes, id));
+    EXPECT_EQ(safe_read(reader.get(), got.data(), size - 1), size - 1);
+    EXPECT_EQ(safe_read(reader.get(), got.data() + size - 1, 100), 1);  // then the end of the file
+    writes.join();
+    EXPECT_EQ(done, size);
+    got.resize(sent.size());
+    EXPECT_TRUE(got == sent);
+    sigaction(SIGALRM, &previous, nullptr);
+    EXPECT_EQ(safe_read(-1, got.data(), 1), -1);
+    EXPECT_EQ(safe_write(-1, got.data(), 1), 0);
+}
+
+TEST_F(Services, BackupTypesMapToPublicNumbers) {
+    const struct {
+        int type, properties, sql, restore, shown;
+    } cases[] = {
+        {1, 0, 0, 0, 1},     {1, 1, 0, 0, 0},     {1, 2, 0, 0, 1},     {2, 1, 0, 0, 2},     {4, 0, 0, 0, 3},
+        {4, 1, 0, 0, 0},     {4, 129, 0, 0, 15},  {8, 0, 0, 0, 0},     {9, 0, 0, 0, 27},    {16, 0, 0, 0, 17},
+        {80, 0, 0, 0, 63},   {512, 0, 0, 0, 16},  {1024, 0, 0, 0, 4},  {1033, 0, 0, 0, 44}, {1034, 0, 0, 0, 51},
+        {1038, 0, 0, 0, 48}, {1039, 0, 0, 0, 60}, {2064, 0, 0, 0, 31}, {4100, 0, 0, 0, 66}, {4101, 0, 0, 0, 0},
+        {-1, 0, 0, 0, 0},    {1, 0, 1, 0, 5},     {1, 0, 20, 0, 49},   {1, 0, 29, 0, 69},   {1, 0, 30, 0, 0},
+        {1, 0, -1, 0, 1},    {1, 0, 1, 1, 12},    {1, 0, 1, 3, 0},     {1, 0, 1, 4, 14},    {1, 0, 1, 5, 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(public_backup_type(c.type, c.properties, c.sql, c.restore), c.shown)
+            << c.type << ' ' << c.properties << ' ' << c.sql << ' ' << c.restore;
+}
+
+TEST_F(Services, NodeNameIsCutAndTerminated) {
+    char whole[256];
+    mynodename(whole, sizeof(whole));
+    char host[256];
+    ASSERT_EQ(gethostname(host, sizeof(host)), 0);
+    const std::string expected = std::string(host).substr(0, std::string(host).find('.'));
+    EXPECT_EQ(whole, expected);
+    char small[3] = {'x', 'x', 'x'};
+    mynodename(small, 2);  // too small for most names: gethostname refuses, uname serves
+    EXPECT_EQ(small, expected.substr(0, 1));
+    EXPECT_EQ(small[2], 'x');
+}
+
+TEST_F(Services, ErrorsAreKeptByClassWithTheirTexts) {
+    writeFile(root / "tmp/g.ini", "[General]\n5=No media\n[Network]\n1=Line down\n");
+    init_gerror((root / "tmp/g.ini").c_str());
+    ASSERT_EQ(register_gerror_class(1, 4, "(X) ", [](int number) { return number == 4 ? "four" : "?"; }), 0);
+    const struct {
+        int errorClass, number;
+        const char* text;
+    } cases[] = {
+        {0, 2, "(SYS) m 7 No such file or directory"},
+        {0, 255, "(SYS) m 7 Error number is out of bounds"},
+        {1, 4, "(X) m 7 four"},
+        {1, 5, "(X) m 7 : Error 5 is out of range (Max is 4)"},
+        {2, 1, "m 7"},
+        {2, 5, "(DQ) No media m 7"},
+        {2, 13, "(DQ) Unknown m 7"},
+        {2, 14, "(DQ) m 7 DQ Error 14"},
+        {3, 1, "(NET) m 7 Line down"},
+        {3, 2, "(NET) m 7 No such file or directory"},
+        {4, 99, "m 7"},
+        {5, 1, "(NETWORK) m 7 Host was not found"},
+        {5, -1, "(NETWORK) m 7 Permission denied"},
+        {5, 77, "(NETWORK) m 7 Unknown error"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        errno = EACCES;
+        add_gerror(c.errorClass, c.number, "m %d", 7);
+        EXPECT_STREQ(gerror_text(c.errorClass, gerror_count(c.errorClass) - 1), c.text);
+        EXPECT_TRUE(root.logged(std::string("add_gerror: ") + c.text + "\n"));
+    }
+    add_gerror(6, 1, "nowhere");
+    add_gerror(-1, 1, "nowhere");
+    EXPECT_FALSE(root.logged("nowhere"));
+}
+
+TEST_F(Services, EleventhErrorOfAClassStartsAFreshList) {
+    init_gerror(nullptr);
+    for (int i = 0; i < 10; i++)
+        add_gerror(4, 0, "%d", i);
+    EXPECT_EQ(gerror_count(4), 10);
+    add_gerror(4, 0, "%s", std::string(400, 'x').c_str());
+    EXPECT_EQ(gerror_count(4), 1);
+    EXPECT_EQ(gerror_text(4, 0), std::string(255, 'x'));
+    EXPECT_EQ(gerror_text(4, 1), nullptr);
+    EXPECT_TRUE(root.logged("add_gerror: WARNING - number of messages 10 exceeds 10\n"));
+    EXPECT_TRUE(root.logged("Last message was \"9\"\n"));
+}
+
+}  // namespace

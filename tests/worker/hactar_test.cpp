@@ -1,0 +1,138 @@
+// Tools, the final metadata file, and the statistics.
+
+#include "worker/hactar.h"
+
+#include <filesystem>
+
+#include "config/directories.h"
+#include "support/daemon_fixture.h"
+#include "support/key_service.h"
+
+namespace testsupport {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Hactar : public DaemonTest {};
+
+TEST_F(Hactar, HashingIsAskedForUnlessAnyOfTheTwoBitsIsSet) {
+    tool("fileDedup", "echo \"$@\" >>\"$0.calls\"");
+    for (const int properties : {0, 1, 512, 1024, 1536}) {
+        backup(properties + 1, 2, 1000, "properties = " + std::to_string(properties));
+        EXPECT_EQ(hashBackup(static_cast<std::uint64_t>(properties) + 1), 0);
+    }
+    EXPECT_EQ(readFile(root / "usr/dq/bin/fileDedup.calls"), "-H1\n-H2\n");
+    catalogue.sql("ALTER TABLE dq.backups RENAME TO hidden");
+    EXPECT_EQ(hashBackup(1), -1);
+}
+
+TEST_F(Hactar, WaysInWhichAToolEnds) {
+    backup(7, 2, 1000, "properties = 0");
+    const struct {
+        const char* what;
+        const char* script;
+        int hashing;
+        int making;
+        const char* log;
+    } cases[] = {
+        {"success", "exit 0", 0, 0, "completed successfully.\n"},
+        {"locked", "exit 3", HASH_LOCKED, -1, "failed, exited with status=3.\n"},
+        {"failure", "exit 255", 255, -1, "failed, exited with status=255.\n"},
+        {"killed", "kill -9 $$", 137, -1, "failed, exited with status=137.\n"},
+        // A shell that is killed has an exit status of 0; the send phase finds the blocks missing.
+        {"shell killed", "kill -9 $PPID", 0, -1, "failed due to signal Killed.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        tool("fileDedup", c.script);
+        tool("recipe", std::string("[ \"$*\" = '-b 7' ] || exit 9\n") + c.script);
+        EXPECT_EQ(hashBackup(7), c.hashing);
+        EXPECT_EQ(createHactar(7), c.making);
+        EXPECT_TRUE(root.logged(c.log)) << root.log();
+    }
+    fs::remove(root / "usr/dq/bin/recipe");
+    EXPECT_EQ(createHactar(7), -1);
+}
+
+TEST_F(Hactar, ToolsAreFoundBehindABlankInThePath) {
+    backup(7, 2, 1000, "properties = 0");
+    fs::create_directories(root / "usr/a b; exit 5");
+    g_bindir = root / "usr/a b; exit 5";
+    writeFile(fs::path(g_bindir) / "fileDedup", "#!/bin/sh\nexit 42\n");
+    fs::permissions(fs::path(g_bindir) / "fileDedup", fs::perms::owner_all);
+    EXPECT_EQ(hashBackup(7), 42);
+}
+
+TEST_F(Hactar, IsRemovedOnceAndGoneIsRemoved) {
+    const fs::path disk = device();
+    backup(7);
+    backup(8);
+    writeFile(disk / "hactar_7", "x");
+    writeFile(disk / "hactar_8", "x");
+    EXPECT_EQ(removeHactar(7), 0);
+    EXPECT_FALSE(fs::exists(disk / "hactar_7"));
+    EXPECT_TRUE(fs::exists(disk / "hactar_8"));
+    EXPECT_EQ(removeHactar(7), 0);
+    fs::create_directories(disk / "hactar_7");
+    EXPECT_EQ(removeHactar(7), -1) << "what can't be unlinked";
+    EXPECT_EQ(removeHactar(9), -1) << "no such backup";
+    catalogue.sql("UPDATE dq.devices SET dev_rw_name = ''");
+    EXPECT_EQ(removeHactar(8), -1) << "never below the root directory";
+}
+
+TEST_F(Hactar, EncryptedOneIsSentDecryptedOrNotAtAll) {
+    Target target;
+    const fs::path disk = device();
+    backup(7, 2, 1000, "properties = 768");
+    writeFile(disk / "hactar_7", "secret");
+    int curlCode = 0;
+    EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), -1);
+    EXPECT_TRUE(target.requests().empty());
+    EXPECT_TRUE(root.logged("Failed to send encrypted Hactar, backup_no:7"));
+    const lab::Process service = startKeyService(root);
+    writeFile(disk / "hactar_7", sealed("secret of thirty-two characters."));
+    EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), 0);
+    EXPECT_EQ(target.request("f").body, "secret of thirty-two characters.");
+    EXPECT_EQ(g_bytesSent, 1536u + 32u);
+    g_bytesSent = 0;
+    writeFile(disk / "hactar_7", "secret");
+    catalogue.sql("UPDATE dq.backups SET properties = 512");
+    EXPECT_EQ(sendHactar(7, target.name(), 77, 12, &curlCode), 0);
+    EXPECT_EQ(target.request("f").body, "secret");
+    EXPECT_EQ(g_bytesSent, 6u);
+}
+
+TEST_F(Hactar, StatisticsHoldWhatHappened) {
+    instance(2);
+    backup(7, 2, 1000, "total_megs = 5000000, type = 3");
+    g_bytesSent = 123;
+    const std::string text = "Failed: it's \"broken\"; DROP TABLE x. Network: Couldn't connect";
+    ASSERT_EQ(updateSdsStats(7, 1, 2, 3, 4000000000, text, "vault"), 0);
+    EXPECT_EQ(catalogue.rows("SELECT client_name, s.backup_no, type_name, presync_seconds, sync_seconds, "
+                             "postsync_seconds, done_epoch, bytes_on_arx, bytes_syncd, bytes_on_arv, message, "
+                             "destination FROM dq.sds_stats s JOIN dq.sync_type ON type_id = sync_type"),
+              "client|7|Incremental|1|2|3|4000000000|5242880000000|123|5242880000000|" + text + "|vault");
+    EXPECT_EQ(catalogue.rows("SELECT kind, read_size, write_size, read_time, write_time FROM dq.summary_charts"),
+              "replication|5242880000000|123|1|2");
+    EXPECT_FALSE(root.logged("Double insert"));
+
+    catalogue.sql("UPDATE dq.nodes SET properties = 32, gcname = 'imported'; DROP FUNCTION dq.update_summary_charts");
+    EXPECT_EQ(updateSdsStats(7, 0, 0, 0, 1, "", "vault"), 0) << "neither the charts nor a second row stop it";
+    EXPECT_TRUE(root.logged("Double insert into sds_stats attempted."));
+    EXPECT_TRUE(root.logged("Replication failed to update summary_charts table!\n"));
+    EXPECT_EQ(catalogue.value("SELECT client_name FROM dq.sds_stats WHERE done_epoch = 1"), "imported");
+}
+
+TEST_F(Hactar, StatisticsOfABackupThatIsGone) {
+    ASSERT_EQ(updateSdsStats(99, 1, 2, 3, 4, "Failed: x", "vault"), 0);
+    EXPECT_EQ(catalogue.rows("SELECT client_name IS NULL, sync_type IS NULL, bytes_on_arx IS NULL, message FROM "
+                             "dq.sds_stats"),
+              "t|t|t|Failed: x");
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.summary_charts"), "0");
+    catalogue.sql("DROP TABLE dq.sds_stats");
+    EXPECT_EQ(updateSdsStats(99, 1, 2, 3, 4, "Failed: x", "vault"), -1);
+    EXPECT_TRUE(root.logged("Failed insert into sds_stats; Query:INSERT INTO"));
+}
+
+}  // namespace
+}  // namespace testsupport
