@@ -42,4 +42,7 @@ void installSignalHandlers() {
     for (const int number : {SIGTERM, SIGINT, SIGQUIT})
         install(number, noteStop);
     install(SIGPIPE, SIG_IGN);
+    // A starter that blocks them would leave a daemon that can't be stopped and never reaps.
+    const sigset_t wanted = signalSet({SIGCHLD, SIGTERM, SIGINT, SIGQUIT, SIGALRM});
+    (void)pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);  // fails only for a bad `how`
 }

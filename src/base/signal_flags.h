@@ -6,7 +6,7 @@
 
 #include <csignal>
 
-// Installs the handlers of SIGTERM, SIGINT, SIGQUIT and SIGCHLD, and ignores SIGPIPE.
+// Installs the handlers of SIGTERM, SIGINT, SIGQUIT and SIGCHLD, lets them in, and ignores SIGPIPE.
 void installSignalHandlers();
 
 // SIGTERM, SIGINT or SIGQUIT came.

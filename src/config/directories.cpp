@@ -168,10 +168,15 @@ void readOptions() {
     g_state.interChannel = option("InterChannel", 0);
 }
 
-// Finds a name in the log directory that nobody has, and leaves it free again: a trace for whoever looks for leftovers.
+// Finds a name that nobody has, in the log directory or, while there is none, in the fall-back's, and leaves it free
+// again: a trace for whoever looks for leftovers.
 void noteTemporaryName() {
     std::string name = g_logdir + "/.AAAXXXXXX";
-    const FileDescriptor file(mkstemp(name.data()));
+    FileDescriptor file(mkstemp(name.data()));
+    if (!file.isOpen()) {
+        name = systemPath(paths::FALLBACK_LOG_DIR) + "/.AAAXXXXXX";
+        file.reset(mkstemp(name.data()));
+    }
     if (!file.isOpen())
         return;
     log_message(2, "Profile_Temp: %s\n", name.c_str());
@@ -265,9 +270,9 @@ int init_application() {
     (void)open_log(g_state.logname.c_str());  // the log says its own troubles and goes on
     readDebugging();
     readOptions();
+    noteTemporaryName();
     for (const std::string& directory : {g_profiledir, g_listdir, g_infodir, g_state.catalogDir, g_logdir, g_reportdir})
         makeDirectory(directory);
-    noteTemporaryName();
     log_message(2, "Dqdir: %s\n", g_appdir.c_str());
     log_message(2, "Master_ini: %s\n", g_master_ini.c_str());
     findProfile();

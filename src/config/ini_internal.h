@@ -10,3 +10,8 @@
 // The whole file at once, so that a reader sees no mixture of two states. 0 or -1 with errno.
 [[nodiscard]] int readWholeFile(const std::string& path, std::string* text);
 [[nodiscard]] int readWholeFd(int fd, std::string* text);
+
+// flock that waits for at most so many milliseconds, since whoever can read an ini file can lock it for good. A holder
+// that let the whole wait pass without a change of the file isn't waited for again for some seconds: a start reads
+// dozens of keys. 0, or -1 with errno.
+[[nodiscard]] int lockWithin(int fd, int operation, int timeoutMs);

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +25,7 @@ namespace {
 constexpr std::size_t LINE_BYTES = 16383;        // a longer line counts as several
 constexpr std::size_t CONTINUATION_BYTES = 511;  // of a line that continues a value
 constexpr std::size_t MESSAGE_SIZE = 120;
+constexpr int READER_PATIENCE_MS = 100;
 constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
 constexpr std::string_view LINE_ENDS = "\t\n\r";  // what ends the token of a section header
 constexpr std::string_view KEY_ENDS = "=\t\n\r";  // what ends a key
@@ -270,13 +273,31 @@ int giveDefault(const char* defaultValue, char* dest, std::size_t destLen) {
     return -1;
 }
 
-// A writer holds the lock for a moment only; a reader that can't get it soon reads anyway, so that a hung program
-// with the file locked can't hang this one.
-void waitForWriter(int fd) {
-    constexpr int TRIES = 50;
-    constexpr timespec PAUSE = {0, 2'000'000};
-    for (int i = 0; i < TRIES && flock(fd, LOCK_SH | LOCK_NB) == -1 && (errno == EWOULDBLOCK || errno == EINTR); i++)
-        (void)nanosleep(&PAUSE, nullptr);  // cut short by a signal, the next try comes early
+using Clock = std::chrono::steady_clock;
+
+// The file whose lock somebody holds without using it, and until when that is believed. Of two threads that note
+// different files one is forgotten, which costs a wait.
+std::atomic<ino_t> hungFile = 0;
+std::atomic<Clock::rep> hungUntil = 0;
+
+struct stat fileState(int fd) {
+    struct stat info = {};
+    (void)fstat(fd, &info);  // of an open file; should it fail, two states are alike and nothing is lost
+    return info;
+}
+
+bool sameState(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+bool isHung(const struct stat& file, Clock::time_point now) {
+    return hungFile.load() == file.st_ino && now.time_since_epoch().count() < hungUntil.load();
+}
+
+void noteHung(const struct stat& file) {
+    constexpr std::chrono::seconds BELIEVED(10);
+    hungFile = file.st_ino;
+    hungUntil = (Clock::now() + BELIEVED).time_since_epoch().count();
 }
 
 enum class Lookup { done, missing, found };
@@ -324,6 +345,26 @@ bool sameName(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
+int lockWithin(int fd, int operation, int timeoutMs) {
+    const Clock::time_point start = Clock::now();
+    const struct stat before = fileState(fd);
+    const bool isWaiting = !isHung(before, start);
+    const Clock::time_point deadline = start + std::chrono::milliseconds(isWaiting ? timeoutMs : 0);
+    while (flock(fd, operation | LOCK_NB) == -1) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            return -1;
+        if (Clock::now() >= deadline) {
+            if (isWaiting && sameState(before, fileState(fd)))
+                noteHung(before);
+            errno = EWOULDBLOCK;
+            return -1;
+        }
+        constexpr timespec PAUSE = {0, 2'000'000};
+        (void)nanosleep(&PAUSE, nullptr);  // cut short by a signal, the next try comes early
+    }
+    return 0;
+}
+
 int readWholeFd(int fd, std::string* text) {
     struct stat info = {};
     if (fstat(fd, &info) == -1)
@@ -350,7 +391,8 @@ int readWholeFile(const std::string& path, std::string* text) {
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file.isOpen())
         return -1;
-    waitForWriter(file.get());
+    // A writer holds the lock for a moment only; who can't get it soon reads anyway.
+    (void)lockWithin(file.get(), LOCK_SH, READER_PATIENCE_MS);
     return readWholeFd(file.get(), text);
 }
 

@@ -1,6 +1,6 @@
 // The writers. Both change the file where it lies, so that its inode, owner and mode stay, and hold an exclusive flock
-// meanwhile: several processes write dq.ini, and it names the install directory. All that changes goes out in one
-// write; the file is cut only afterwards, so a reader never finds it empty.
+// meanwhile: several processes write dq.ini, and it names the install directory. Who can't have the lock writes
+// nothing. All that changes goes out in one write; the file is cut only afterwards, so a reader never finds it empty.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -21,6 +21,7 @@ namespace {
 constexpr std::size_t LINE_WIDTH = 77;    // columns that a line without comment is padded to
 constexpr std::size_t FIXED_COLUMNS = 3;  // two blanks before the key, and the '='
 constexpr mode_t INI_MODE = 0644;
+constexpr int WRITER_PATIENCE_MS = 2000;
 constexpr std::string_view BLANKS = " \t";
 constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
 
@@ -37,10 +38,10 @@ std::string_view skipBlanks(std::string_view text) {
 struct Place {
     bool hasSection = false;
     bool hasKey = false;
-    std::size_t lineStart = 0;    // of the key's line
-    std::size_t lineEnd = 0;      // behind its newline
-    std::size_t sectionEnd = 0;   // the next header, or the end of the file
-    std::size_t lastLineEnd = 0;  // behind the section's last line that isn't blank
+    std::size_t lineStart = 0;   // of the key's line
+    std::size_t lineEnd = 0;     // behind its newline
+    std::size_t sectionEnd = 0;  // the next header, or the end of the file
+    std::size_t lastKeyEnd = 0;  // behind the section's last key, or its header
 };
 
 bool isHeaderOf(std::string_view line, std::string_view section) {
@@ -51,24 +52,29 @@ bool isHeaderOf(std::string_view line, std::string_view section) {
     return sameName(trimEnd(line.substr(0, line.find_first_of("]\t\r\n"))), section);
 }
 
-bool isLineOf(std::string_view line, std::string_view key) {
+bool isComment(std::string_view line) {
     line = skipBlanks(line);
-    if (line.empty() || line.front() == '#' || line.front() == ';' || line.find('=') == std::string_view::npos)
+    return line.starts_with('#') || line.starts_with(';');
+}
+
+bool isLineOf(std::string_view line, std::string_view key) {
+    if (isComment(line) || line.find('=') == std::string_view::npos)
         return false;
+    line = skipBlanks(line);
     return sameName(line.substr(0, line.find_first_of(" =\t\n\r")), key);
 }
 
 Place findPlace(std::string_view text, std::string_view section, std::string_view key) {
     Place place;
     place.sectionEnd = text.size();
-    place.lastLineEnd = text.size();
+    place.lastKeyEnd = text.size();
     for (std::size_t start = 0; start < text.size();) {
         const std::size_t newline = text.find('\n', start);
         const std::size_t end = newline == std::string_view::npos ? text.size() : newline + 1;
         const std::string_view line = text.substr(start, end - start);
         if (!place.hasSection) {
             place.hasSection = isHeaderOf(line, section);
-            place.lastLineEnd = place.hasSection ? end : text.size();
+            place.lastKeyEnd = place.hasSection ? end : text.size();
         } else if (skipBlanks(line).starts_with('[')) {
             place.sectionEnd = start;
             return place;
@@ -77,8 +83,8 @@ Place findPlace(std::string_view text, std::string_view section, std::string_vie
             place.lineStart = start;
             place.lineEnd = end;
             return place;
-        } else if (!trimEnd(line).empty()) {
-            place.lastLineEnd = end;
+        } else if (!isComment(line) && !trimEnd(line).empty()) {
+            place.lastKeyEnd = end;
         }
         start = end;
     }
@@ -109,14 +115,17 @@ std::string assignment(std::string_view key, std::string_view value) {
 }
 
 // The text of a line that has no room to keep, or is new.
-std::string freshLine(std::string_view key, std::string_view value, std::string_view comment) {
+std::string freshLine(std::string_view key, std::string_view value, std::string_view comment, std::string_view ending) {
     std::string line = assignment(key, value);
     if (comment.empty()) {
         line.resize(std::max(line.size(), LINE_WIDTH), ' ');
-        return line += '\n';
+        return line += ending;
     }
-    const std::string note = std::string(trimEnd(comment)) + "\n";
-    line += key.size() + value.size() + note.size() < LINE_WIDTH ? ' ' : '\n';
+    const std::string note = std::string(trimEnd(comment)).append(ending);
+    if (key.size() + value.size() + note.size() < LINE_WIDTH)
+        line += ' ';
+    else
+        line += ending;
     return line += note;
 }
 
@@ -125,21 +134,22 @@ std::string fieldLine(std::string_view oldLine, std::string_view key, std::strin
     const std::string_view tail = comment.empty() ? lineEnding(oldLine) : comment;
     const std::size_t needed = key.size() + value.size() + FIXED_COLUMNS + tail.size();
     if (needed > oldLine.size())
-        return freshLine(key, value, comment);
+        return freshLine(key, value, comment, oldLine.ends_with("\r\n") ? "\r\n" : "\n");
     return assignment(key, value).append(oldLine.size() - needed, ' ').append(tail);
 }
 
 class IniFile {
 public:
     explicit IniFile(const std::string& path)
-        : file_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, INI_MODE)) {}
+        : path_(path), file_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, INI_MODE)) {}
 
     [[nodiscard]] int load(std::string* text) {
         if (!file_.isOpen())
             return -1;
-        while (flock(file_.get(), LOCK_EX) == -1)
-            if (errno != EINTR)
-                return -1;
+        if (lockWithin(file_.get(), LOCK_EX, WRITER_PATIENCE_MS) == -1) {
+            LOG_HERE(0, "Can't lock %s to write it: %s\n", path_.c_str(), std::strerror(errno));
+            return -1;
+        }
         return readWholeFd(file_.get(), text);
     }
 
@@ -159,6 +169,7 @@ public:
     }
 
 private:
+    const std::string& path_;
     FileDescriptor file_;  // closing it gives the lock up
 };
 
@@ -195,10 +206,10 @@ int putLine(IniFile* file, const std::string& text, const Place& place, const ch
                                      : fieldLine(std::string_view(text).substr(offset, behind - offset), key, value);
     } else {
         const bool isBehindLastKey = style == Style::field && place.sectionEnd < text.size();
-        offset = behind = isBehindLastKey ? place.lastLineEnd : place.sectionEnd;
+        offset = behind = isBehindLastKey ? place.lastKeyEnd : place.sectionEnd;
         if (offset > 0 && text[offset - 1] != '\n')
             line = "\n";
-        line += style == Style::plain ? assignment(key, value) + "\n" : freshLine(key, value, "");
+        line += style == Style::plain ? assignment(key, value) + "\n" : freshLine(key, value, "", "\n");
     }
     const bool isInPlace = line.size() == behind - offset;
     if (!isInPlace)

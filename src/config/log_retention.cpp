@@ -31,7 +31,7 @@ class RetConfList {
 public:
     RetConfList() {
         list_.push_back({ini_get_int("LogRetentionDays", "default", 1, g_master_ini),
-                         ini_get_int("LogRetentionInstances", "default", 20, g_master_ini), ""});
+                         std::max(ini_get_int("LogRetentionInstances", "default", 20, g_master_ini), 1), ""});
     }
 
     const RetConf& of(const std::string& program) {
@@ -39,9 +39,10 @@ public:
                                         [&](const RetConf& entry) { return entry.program == program; });
         if (known != list_.end())
             return *known;
-        list_.push_back({ini_get_int("LogRetentionDays", program.c_str(), list_[0].days, g_master_ini),
-                         ini_get_int("LogRetentionInstances", program.c_str(), list_[0].instances, g_master_ini),
-                         program});
+        list_.push_back(
+            {ini_get_int("LogRetentionDays", program.c_str(), list_[0].days, g_master_ini),
+             std::max(ini_get_int("LogRetentionInstances", program.c_str(), list_[0].instances, g_master_ini), 1),
+             program});
         return list_.back();
     }
 

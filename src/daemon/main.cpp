@@ -7,11 +7,13 @@
 #include <exception>
 
 #include "base/signal_flags.h"
+#include "base/standard_streams.h"
 #include "commands/util.h"
 #include "daemon/daemon.h"
 #include "log/logger.h"
 
 int main(int argc, char** argv) {
+    settleDescriptors();  // before the log, or anything else, is opened
     try {
         LOG_HERE(2, "Setting up signal handling");
         installSignalHandlers();

@@ -165,7 +165,9 @@ void settleService(const char* service) {
 
 bool proveAlive(pgResource& resource) {
     const RowsPtr rows(PQexec(resource.conn.get(), "SELECT TRUE"));
-    const bool good = PQresultStatus(rows.get()) == PGRES_TUPLES_OK;
+    // A spoiled transaction refuses the statement, but over a connection that lives: its owner must still end it.
+    const bool good =
+        PQresultStatus(rows.get()) == PGRES_TUPLES_OK || PQtransactionStatus(resource.conn.get()) == PQTRANS_INERROR;
     resource.lastChecked = time(nullptr);
     LOG_HERE(4, "Verified connection state: %s\n", good ? "good" : "bad");
     return good;

@@ -194,10 +194,11 @@ void appendLiteral(std::string_view text, std::string* statement) {
     }
 }
 
-QueryRecord translate(const std::string& format) {
+// A format with a code that there isn't goes out as it stands.
+QueryRecord translate(const std::string& format, bool isValid) {
     QueryRecord record{format, "", {}, 0};
     std::vector<Code> codes;
-    if (!scanFormat(format, &codes)) {
+    if (!isValid || !scanFormat(format, &codes)) {
         record.statement = format;
         return record;
     }
@@ -216,9 +217,9 @@ QueryRecord translate(const std::string& format) {
 }
 
 // Translates a format and adds it to the store. Returns its index, or -1.
-int prepareQuery(pgResource& resource, const std::string& format) {
+int prepareQuery(pgResource& resource, const std::string& format, bool isValid) {
     LOG_HERE(5, "Query not in cache, preparing...\n");
-    QueryRecord record = translate(format);
+    QueryRecord record = translate(format, isValid);
     LOG_HERE(5, "Parameter count: %d, query string: %s\n", record.parameterCount, record.statement.c_str());
     const int index = static_cast<int>(resource.queries.size());
     if (resource.preparedEnabled) {
@@ -235,11 +236,11 @@ int prepareQuery(pgResource& resource, const std::string& format) {
 }
 
 // The index of a format in the store, from the newest; prepared now if it isn't there.
-int findQuery(pgResource& resource, const std::string& format) {
+int findQuery(pgResource& resource, const std::string& format, bool isValid) {
     for (std::size_t i = resource.queries.size(); i-- > 0;)
         if (resource.queries[i].format == format)
             return static_cast<int>(i);
-    return prepareQuery(resource, format);
+    return prepareQuery(resource, format, isValid);
 }
 
 // What goes to the server, along the codes of the record; borrows the texts.
@@ -327,14 +328,15 @@ PgResultPtr pgQuery(const char* format, ...) {
     std::vector<Code> codes;
     std::vector<Argument> arguments;
     std::string key = text;
-    if (scanFormat(text, &codes)) {
+    const bool isValid = scanFormat(text, &codes);
+    if (isValid) {
         va_list list;
         va_start(list, format);
         arguments = readArguments(codes, list);
         va_end(list);
         key = transformNullComparisons(text, codes, arguments);
     }
-    const int index = findQuery(*pgResourcePtr, key);
+    const int index = findQuery(*pgResourcePtr, key, isValid);
     return index == -1 ? nullptr : executeQuery(*pgResourcePtr, index, arguments);
 }
 

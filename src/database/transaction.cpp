@@ -1,8 +1,9 @@
 // pg_transaction.cpp - transactions, nested by savepoints.
 //
 // The depth of the current connection is the whole state: 0 outside any transaction, 1 in one, n with n - 1 savepoints.
-// A transaction that was lost with its connection stays on the books until its owner pops it, so that no later
-// statement runs outside the transaction it was meant for.
+// A transaction that was lost with its connection stays on the books until its owner pops it, and statements fail until
+// then: none runs outside the transaction it was meant for. Only who calls pgOpen by hand gets a new connection before
+// that, with the depth restored so that the pops stay balanced.
 #include <cstring>
 
 #include "database/pghelper_internal.h"
@@ -12,12 +13,12 @@ using namespace pghelper;
 namespace {
 
 int runCommandText(const char* statement) {
-    return executeTextQuery(statement) ? 0 : -1;
+    return pgExec(statement) ? 0 : -1;
 }
 
 // A transaction that a failed statement spoiled answers COMMIT by rolling back, and calls that a success.
 int commitOrSayNo() {
-    const PgResultPtr result = executeTextQuery("COMMIT;");
+    const PgResultPtr result = pgExec("COMMIT;");
     return result && std::strcmp(PQcmdStatus(result->rows.get()), "ROLLBACK") != 0 ? 0 : -1;
 }
 

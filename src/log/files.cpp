@@ -40,9 +40,10 @@ FILE* openNull() {
 }
 
 // Opens for appending, with the mode set whatever the umask. Only a regular file gets the mode: the log may have been
-// pointed at a device.
+// pointed at a device. No link is followed where any user may put one: in the place of the fall-back log.
 FILE* openForAppend(const char* path) {
-    FileDescriptor file(open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, LOG_MODE));
+    const int noLink = systemPath(paths::FALLBACK_LOG) == path ? O_NOFOLLOW : 0;
+    FileDescriptor file(open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | noLink, LOG_MODE));
     if (!file.isOpen())
         return nullptr;
     struct stat info = {};
@@ -51,6 +52,7 @@ FILE* openForAppend(const char* path) {
     FILE* const stream = fdopen(file.get(), "a+");
     if (stream != nullptr) {
         (void)file.release();
+        (void)std::setvbuf(stream, nullptr, _IONBF, 0);  // so that a line of any length is one write
         (void)fseeko(stream, 0, SEEK_END);  // so that the size test counts what was there; no matter for a device
     }
     return stream;

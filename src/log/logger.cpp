@@ -41,6 +41,12 @@ int presentLevel() {
     return std::atomic_ref<int>(log_level).load(std::memory_order_relaxed);
 }
 
+// The level alone decides, before anything is formatted.
+bool isWanted(int level) {
+    const int present = presentLevel();
+    return present != LOG_SILENT && (level <= present || level <= log_screen_level);
+}
+
 bool endsInNewline(std::string_view text) {
     return !text.empty() && text.back() == '\n';
 }
@@ -66,7 +72,7 @@ private:
 // A line in the making. Nearly all lines fit the fixed space; longer ones go to the heap.
 class Line {
 public:
-    Line(std::string_view head, const char* format, va_list arguments) : headLength_(head.size()) {
+    Line(std::string_view head, const char* format, va_list arguments) {
         va_list again;
         va_copy(again, arguments);
         head.copy(space_, head.size());
@@ -91,7 +97,6 @@ public:
     [[nodiscard]] std::string_view whole() const {
         return isHeap_ ? std::string_view(heap_) : std::string_view(space_, length_);
     }
-    [[nodiscard]] std::string_view message() const { return whole().substr(headLength_); }
 
 private:
     void useHeap(std::string_view head) {
@@ -105,7 +110,6 @@ private:
             space_[length_++] = '\n';
     }
 
-    std::size_t headLength_;
     std::size_t length_ = 0;
     bool isHeap_ = false;
     std::string heap_;
@@ -161,14 +165,16 @@ void startNewPiece() {
 }
 
 int writeFullLine(int level, const char* format, va_list arguments) {
-    const int present = presentLevel();
-    const bool isForFile = level <= present;
-    const Line line(isForFile ? LineHead(level, format).text() : std::string_view(), format, arguments);
-    if (level <= log_screen_level)
-        writeText(stderr, line.message());
-    if (!isForFile)
+    if (level <= log_screen_level) {
+        va_list again;
+        va_copy(again, arguments);
+        writeText(stderr, Line({}, format, again).whole());
+        va_end(again);
+    }
+    if (level > presentLevel())
         return 0;
-    const LogLock lock;
+    const LogLock lock;  // before the stamp is taken: lines stand in the order of their stamps
+    const Line line(LineHead(level, format).text(), format, arguments);
     LogState& state = logState();
     if (state.stream == nullptr)
         (void)openLogByName(nullptr, LogOpening::fresh);
@@ -260,8 +266,7 @@ std::string logStamp() {
 }
 
 int log_message(int level, const char* format, ...) {
-    const int present = presentLevel();
-    if ((level > present && level > log_screen_level) || present == LOG_SILENT)
+    if (!isWanted(level))
         return 0;
     va_list arguments;
     va_start(arguments, format);
@@ -275,6 +280,8 @@ int log_message(int level, const char* format, ...) {
 
 int log_errno(int level, const char* format, ...) {
     const int number = errno;
+    if (!isWanted(level))
+        return 0;
     char text[REPORT_SIZE];
     va_list arguments;
     va_start(arguments, format);
@@ -289,9 +296,9 @@ int log_errno(int level, const char* format, ...) {
 }
 
 int log_raw(int level, const char* format, ...) {
-    const int present = presentLevel();
-    if ((level > present && level > log_screen_level) || present == LOG_SILENT)
+    if (!isWanted(level))
         return 0;
+    const int savedErrno = errno;
     va_list arguments;
     va_start(arguments, format);
     int written = 0;
@@ -299,7 +306,7 @@ int log_raw(int level, const char* format, ...) {
         written = writeSimpleLine(level, format, arguments);
     } else {
         const std::string text = vformatString(format, arguments);
-        if (level <= present) {
+        if (level <= presentLevel()) {
             const LogLock lock;
             if (logState().stream == nullptr)
                 (void)openLogByName(nullptr, LogOpening::fresh);
@@ -312,6 +319,7 @@ int log_raw(int level, const char* format, ...) {
             writeText(stderr, text);
     }
     va_end(arguments);
+    errno = savedErrno;
     return written;
 }
 
@@ -321,6 +329,8 @@ int log_include_file(int level, const char* path) {
         log_message(0, "logger: Cannot include contents of %s (open failed - %s)\n", path, std::strerror(errno));
         return -1;
     }
+    if (!isWanted(level))
+        return 0;
     char line[INCLUDE_LINE_SIZE];
     while (std::fgets(line, sizeof(line), file.get()) != nullptr) {
         line[std::strcspn(line, "\n")] = '\0';

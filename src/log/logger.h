@@ -1,8 +1,8 @@
 // logger.h - the one log of a process.
 //
 // Threads: log_message, log_errno, log_raw and log_flush may be called from any thread (lines of the simple writer are
-//          not locked, but each is one write). Opening, closing and rotating by hand belong to start-up, before
-//          threads.
+//          not locked). Each line is one write. Opening, closing and rotating by hand belong to start-up, before
+//          threads. Not for signal handlers.
 // Errors:  no failure of the log stops the program; what the log can't say goes to report_error.
 // Levels:  0 failures, refusals, outcomes; 1 warnings of the foundation; 2 start-up facts; 3 a job step, pass or batch;
 //          4 a request, query or function; 5 file detail; 6 dumps. A line is written if its level is at or below
@@ -17,7 +17,7 @@
 
 extern int log_level;         // highest level written to the file; set at start and by readConfiguration
 extern int log_screen_level;  // highest level copied to standard error, -1 none
-extern int log_simple;        // non-zero: one file per program, no lock, no rotation
+extern int log_simple;  // non-zero: one file for all programs whose names agree before a '-', no lock, no rotation
 
 inline constexpr int LOG_SILENT = 200;  // the log_level that silences the log
 

@@ -85,6 +85,19 @@ TEST_F(Directories, FullStartFindsMakesAndExportsTheDirectories) {
     }));
 }
 
+TEST_F(Directories, SilenceIsNoLevelOfTheSimpleWriter) {
+    for (const auto& [value, level, simple] : {std::tuple("200", 200, 0), {"201", 1, 1}, {"99", 99, 0}}) {
+        root.masterIni(std::string("[debugging]\nprog=") + value + "\n");
+        EXPECT_TRUE(inOwnProcess([&, wanted = level, isSimple = simple] {
+            log_simple = 0;
+            set_program_name("prog");
+            ASSERT_EQ(init_application(), 0);
+            EXPECT_EQ(log_level, wanted);
+            EXPECT_EQ(log_simple, isSimple);
+        })) << value;
+    }
+}
+
 TEST_F(Directories, InstallDirectoryIsSearchedInOrder) {
     const std::string standard = systemPath(paths::INSTALL_DIR);
     const std::string fromIni = root / "tmp/ini";
@@ -175,34 +188,19 @@ TEST_F(Directories, LightStartFallsBackStepByStep) {
     EXPECT_EQ(get_config_value("S", "absent", &value), -1);
 }
 
-TEST_F(Directories, ProgramNameIsTheEndOfTheCall) {
-    for (const auto& [argv0, name] :
-         {std::pair("/usr/dq/bin/ferryd", "ferryd"), std::pair("ferryd", "ferryd"),
-          std::pair("abcdefghijklmnopqrstuvwxyz0123456789", "efghijklmnopqrstuvwxyz0123456789"),
-          std::pair("dir/abcdefghijklmnopqrstuvwxyz012345", "abcdefghijklmnopqrstuvwxyz012345")}) {
-        set_program_name(argv0);
-        EXPECT_EQ(ghAppName, name);
-    }
-}
-
-TEST_F(Directories, CallNamesClearWhenFull) {
-    EXPECT_STREQ(dbproc_name(), "Not set:");
+TEST_F(Directories, ProgramAndCallNamesKeepWithinTheirLimits) {
+    set_program_name("dir/abcdefghijklmnopqrstuvwxyz012345");
+    EXPECT_EQ(ghAppName, "abcdefghijklmnopqrstuvwxyz012345");
+    set_program_name("abcdefghijklmnopqrstuvwxyz0123456789");
+    EXPECT_EQ(ghAppName, "efghijklmnopqrstuvwxyz0123456789");
     EXPECT_EQ(pop_name(), -1);
     EXPECT_EQ(push_name(nullptr), 0);
-    EXPECT_STREQ(dbproc_name(), "Not set:");
     for (int i = 1; i < 50; i++)
-        EXPECT_EQ(push_name(("name" + std::to_string(i)).c_str()), 0);
-    EXPECT_STREQ(dbproc_name(), "name49");
+        EXPECT_EQ(push_name(std::string(100, 'x').c_str()), 0);
+    EXPECT_EQ(dbproc_name(), std::string(63, 'x'));
     EXPECT_EQ(push_name("one too many"), -1);
     EXPECT_TRUE(root.logged("WARNING: push_name() limit of 50 reached\n"));
-    EXPECT_TRUE(root.logged("name_array[49] is \"name49\"\n"));
     EXPECT_STREQ(dbproc_name(), "Not set:");
-    EXPECT_EQ(push_name(std::string(100, 'x').c_str()), 0);
-    EXPECT_EQ(dbproc_name(), std::string(63, 'x'));
-    EXPECT_EQ(push_name("%%s"), 0);
-    EXPECT_STREQ(dbproc_name(), "Not set:");
-    EXPECT_EQ(pop_name(), 0);
-    EXPECT_EQ(pop_name(), 0);
     EXPECT_EQ(pop_name(), -1);
 }
 

@@ -150,12 +150,8 @@ TEST_F(Services, BackupTypesMapToPublicNumbers) {
     const struct {
         int type, properties, sql, restore, shown;
     } cases[] = {
-        {1, 0, 0, 0, 1},     {1, 1, 0, 0, 0},     {1, 2, 0, 0, 1},     {2, 1, 0, 0, 2},     {4, 0, 0, 0, 3},
-        {4, 1, 0, 0, 0},     {4, 129, 0, 0, 15},  {8, 0, 0, 0, 0},     {9, 0, 0, 0, 27},    {16, 0, 0, 0, 17},
-        {80, 0, 0, 0, 63},   {512, 0, 0, 0, 16},  {1024, 0, 0, 0, 4},  {1033, 0, 0, 0, 44}, {1034, 0, 0, 0, 51},
-        {1038, 0, 0, 0, 48}, {1039, 0, 0, 0, 60}, {2064, 0, 0, 0, 31}, {4100, 0, 0, 0, 66}, {4101, 0, 0, 0, 0},
-        {-1, 0, 0, 0, 0},    {1, 0, 1, 0, 5},     {1, 0, 20, 0, 49},   {1, 0, 29, 0, 69},   {1, 0, 30, 0, 0},
-        {1, 0, -1, 0, 1},    {1, 0, 1, 1, 12},    {1, 0, 1, 3, 0},     {1, 0, 1, 4, 14},    {1, 0, 1, 5, 0},
+        {1, 0, 0, 0, 1},    {1, 1, 0, 0, 0},   {4, 129, 0, 0, 15}, {9, 0, 0, 0, 27}, {1039, 0, 0, 0, 60},
+        {4101, 0, 0, 0, 0}, {1, 0, 20, 0, 49}, {1, 0, 30, 0, 0},   {1, 0, 1, 4, 14}, {1, 0, 1, 5, 0},
     };
     for (const auto& c : cases)
         EXPECT_EQ(public_backup_type(c.type, c.properties, c.sql, c.restore), c.shown)
@@ -183,20 +179,12 @@ TEST_F(Services, ErrorsAreKeptByClassWithTheirTexts) {
         int errorClass, number;
         const char* text;
     } cases[] = {
-        {0, 2, "(SYS) m 7 No such file or directory"},
         {0, 255, "(SYS) m 7 Error number is out of bounds"},
-        {1, 4, "(X) m 7 four"},
         {1, 5, "(X) m 7 : Error 5 is out of range (Max is 4)"},
-        {2, 1, "m 7"},
         {2, 5, "(DQ) No media m 7"},
-        {2, 13, "(DQ) Unknown m 7"},
         {2, 14, "(DQ) m 7 DQ Error 14"},
         {3, 1, "(NET) m 7 Line down"},
-        {3, 2, "(NET) m 7 No such file or directory"},
-        {4, 99, "m 7"},
-        {5, 1, "(NETWORK) m 7 Host was not found"},
         {5, -1, "(NETWORK) m 7 Permission denied"},
-        {5, 77, "(NETWORK) m 7 Unknown error"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -208,19 +196,13 @@ TEST_F(Services, ErrorsAreKeptByClassWithTheirTexts) {
     add_gerror(6, 1, "nowhere");
     add_gerror(-1, 1, "nowhere");
     EXPECT_FALSE(root.logged("nowhere"));
-}
-
-TEST_F(Services, EleventhErrorOfAClassStartsAFreshList) {
-    init_gerror(nullptr);
-    for (int i = 0; i < 10; i++)
+    for (int i = gerror_count(4); i < 10; i++)
         add_gerror(4, 0, "%d", i);
-    EXPECT_EQ(gerror_count(4), 10);
-    add_gerror(4, 0, "%s", std::string(400, 'x').c_str());
+    add_gerror(4, 0, "%s", std::string(400, 'x').c_str());  // the eleventh of a class starts a fresh list
     EXPECT_EQ(gerror_count(4), 1);
     EXPECT_EQ(gerror_text(4, 0), std::string(255, 'x'));
     EXPECT_EQ(gerror_text(4, 1), nullptr);
     EXPECT_TRUE(root.logged("add_gerror: WARNING - number of messages 10 exceeds 10\n"));
-    EXPECT_TRUE(root.logged("Last message was \"9\"\n"));
 }
 
 }  // namespace
