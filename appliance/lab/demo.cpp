@@ -70,13 +70,15 @@ struct Counts {
 };
 
 Counts countsIn(const std::string& log, std::size_t from) {
-    static const std::regex LINE("metaLeft: ([0-9]+), duplicates=([0-9]+), nonDuplicates=([0-9]+)");
+    static const std::regex LINE(
+        "Check ([0-9]+) blocks are on the target|([0-9]+) blocks need to be sent \\(([0-9]+) blocks are already");
+    const auto number = [](const std::ssub_match& text) { return text.matched ? std::stoull(text) : 0; };
     Counts counts;
     const std::string fresh = log.substr(std::min(from, log.size()));
     for (std::sregex_iterator match(fresh.begin(), fresh.end(), LINE), end; match != end; ++match) {
-        counts.asked += std::stoull((*match)[1]);
-        counts.onTarget += std::stoull((*match)[2]);
-        counts.toSend += std::stoull((*match)[3]);
+        counts.asked += number((*match)[1]);
+        counts.toSend += number((*match)[2]);
+        counts.onTarget += number((*match)[3]);
     }
     return counts;
 }
@@ -132,13 +134,15 @@ private:
             return false;
         }
         const bool same = lab_->sameOnVault(backupNo);
+        const Counts counts = countsIn(lab_->source().log("ferryd-worker"), logStart_);
         const std::uint64_t crossed = std::stoull(
             lab_->source().value("SELECT bytes_syncd FROM sds_stats WHERE backup_no = " + std::to_string(backupNo)));
         printf(
             "\nComplete in %.1f s (queue pass and hashing included); %s crossed of the %s that the backup has "
-            "(%.1f%%).\n",
+            "(%.1f%%).\nBlocks: %lu asked, %lu on target, %lu sent.\n",
             seconds, megabytes(crossed).c_str(), megabytes(size).c_str(),
-            100.0 * static_cast<double>(crossed) / static_cast<double>(size));
+            100.0 * static_cast<double>(crossed) / static_cast<double>(size), counts.asked, counts.onTarget,
+            counts.toSend);
         printf("The vault rebuilt backup %lu as %lu: SHA-512 %s.\n", backupNo, lab_->targetNumber(backupNo),
                same ? "equal" : "DIFFERS");
         return same;
@@ -152,9 +156,9 @@ private:
             const int status = lab_->queueStatus(backupNo);
             const std::uint64_t now = storedBytes();
             const Counts counts = countsIn(lab_->source().log("ferryd-worker"), logStart_);
-            printf("\r  blocks: %lu asked, %lu on target, %lu to send;  %s stored, %s/s      ", counts.asked,
-                   counts.onTarget, counts.toSend, megabytes(now - start).c_str(),
-                   megabytes((now - before) * 2).c_str());
+            printf("\r  %-28s blocks: %lu asked, %lu on target, %lu to send;  %s stored, %s/s      ",
+                   progress(backupNo).c_str(), counts.asked, counts.onTarget, counts.toSend,
+                   megabytes(now - start).c_str(), megabytes((now - before) * 2).c_str());
             fflush(stdout);
             if ((status & (COMPLETE | STOPPED)) != 0)
                 return status;
@@ -163,6 +167,14 @@ private:
             std::this_thread::sleep_for(REFRESH);
         }
         return lab_->queueStatus(backupNo);
+    }
+
+    // What the job's progress row tells: the step, and how much of the backup is through it.
+    [[nodiscard]] std::string progress(std::uint64_t backupNo) const {
+        return lab_->source().value(
+            "SELECT coalesce((SELECT name_value || ' ' || current_size || ' of ' || final_size || ' MB;' FROM "
+            "operation_progress JOIN operation_names USING (name_id) WHERE backup_no = " +
+            std::to_string(backupNo) + " ORDER BY start_time DESC, name_id DESC LIMIT 1), 'waiting;')");
     }
 
     // What has arrived at the vault.

@@ -30,6 +30,7 @@ int up(const fs::path& directory) {
     lab::LabOptions options;
     options.diesWithParent = false;
     lab::Lab lab(directory, options);
+    lab.source().startKeyService();
     lab.startVault();
     lab.startDaemon();
     std::ofstream environment(directory / "environment");
@@ -37,10 +38,12 @@ int up(const fs::path& directory) {
         environment << "export " << name << "='" << value << "'\n";
     std::ofstream(directory / "pids") << lab.daemonProcess().detach() << '\n'
                                       << lab.vaultProcess().detach() << '\n'
+                                      << lab.source().keyService().detach() << '\n'
                                       << lab.source().cluster().detach() << '\n'
                                       << lab.vault().cluster().detach() << '\n';
     printf(
-        "The source and the vault (%s) are running.\n  . %s/environment\n  $DQDIR/bin/ingest DIR\n"
+        "The source and the vault (%s) are running.\n  . %s/environment\n  $DQDIR/bin/ingest [--compress] [--encrypt] "
+        "DIR\n"
         "  $DQDIR/bin/ferryd util peek 0\n  logs: %s and %s\nlab down %s ends them.\n",
         lab.vaultName().c_str(), directory.c_str(), lab.source().logs().c_str(), lab.vault().logs().c_str(),
         directory.c_str());
@@ -52,7 +55,7 @@ int down(const fs::path& directory) {
     std::ifstream pids(directory / "pids");
     if (!pids)
         throw std::runtime_error(directory.string() + " holds no running lab");
-    const int signals[] = {SIGTERM, SIGTERM, SIGINT, SIGINT};
+    const int signals[] = {SIGTERM, SIGTERM, SIGTERM, SIGINT, SIGINT};
     for (const int number : signals) {
         pid_t pid = 0;
         if (!(pids >> pid) || pid <= 1 || kill(pid, number) == -1)

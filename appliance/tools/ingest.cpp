@@ -19,6 +19,7 @@
 #include "common/ctar.h"
 #include "common/tool.h"
 #include "config/services.h"
+#include "crypto/libCryptoDaemon.h"
 #include "database/smartbuffer.h"
 
 namespace {
@@ -78,6 +79,8 @@ public:
     explicit Ingest(Options options) : options_(std::move(options)), device_(tool::firstDisk()) {}
 
     std::uint64_t run() {
+        if ((options_.properties & ARCHIVE_ENCRYPTED) != 0)
+            needKeyService();
         const PgResultPtr next =
             tool::need(pgExec("SELECT nextval('dq.backups_backup_no_seq') AS no"), "give a backup number");
         backupNo_ = pgUVal(next.get(), 0, "no");
@@ -99,6 +102,16 @@ public:
     }
 
 private:
+    static void needKeyService() {
+        unsigned mask = 0;
+        CDlibResult result{};
+        if (CDgetStatusBitmask(&mask, &result) != 0)
+            throw std::runtime_error(std::string("no key service (cryptoDaemon), so nothing can be encrypted: ") +
+                                     std::string(result.text, strnlen(result.text, sizeof result.text)));
+        if ((mask & CDLIB_STATUS_READY) == 0)
+            throw std::runtime_error("the key service (cryptoDaemon) has no keys, so nothing can be encrypted");
+    }
+
     void addDirectory(Stream& stream, const fs::path& directory) {
         std::vector<fs::path> entries;
         std::error_code error;
