@@ -334,6 +334,15 @@ TEST_F(Logger, InstanceIsTheFirstFreeOrAgedElseTheOldest) {
     EXPECT_EQ(ini_text("Location Information", "prev_p", "", root / "etc/default/dq.ini"), log("p-2.log").string());
 }
 
+// As shipped, no worker takes over the log of one that runs.
+TEST_F(Logger, TheExampleHasLogsForAllWorkers) {
+    root.masterIni(readFile(FERRYD_EXAMPLES "/master.ini"));
+    for (int n = 0; n < ini_get_int("Replication", "MaxConcurrent", 0, g_master_ini) + 5; n++) {
+        ASSERT_EQ(OpenProgramLog("ferryd-worker", 1), 0);
+        EXPECT_EQ(g_base_fname, log("ferryd-worker-" + std::to_string(n) + ".log"));
+    }
+}
+
 TEST_F(Logger, ChildKeepsTheLogNamedByItsParent) {
     makeLog("parent-0.log", 0);
     setenv("DQLOGNAME", log("parent-0.log").c_str(), 1);
