@@ -206,7 +206,7 @@ private:
 
 }  // namespace
 
-int demo(fs::path directory) {
+int demo(const fs::path& directory) {
     struct sigaction action {};
     action.sa_handler = [](int) { interrupted = true; };
     sigaction(SIGINT, &action, nullptr);

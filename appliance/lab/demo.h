@@ -7,6 +7,6 @@ namespace lab {
 
 // Replicates `directory` (empty: a real one of at least 50 MB that the machine has), changes one file in a hundred of
 // its copy and replicates again. Exit status 0 only if the vault rebuilt both backups byte for byte.
-int demo(std::filesystem::path directory);
+int demo(const std::filesystem::path& directory);
 
 }  // namespace lab

@@ -15,8 +15,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-
 class Recipe {
 public:
     Recipe(const tool::Device& device, std::uint64_t backupNo)

@@ -171,7 +171,9 @@ TEST_F(PgHelper, CommitOfASpoiledTransactionIsAFailure) {
 }
 
 TEST_F(PgHelper, AServerThatIsAwayIsTriedTwiceAndFoundAgain) {
-    const std::string services = getenv("PGSERVICEFILE");
+    const char* const present = getenv("PGSERVICEFILE");
+    ASSERT_NE(present, nullptr);
+    const std::string services = present;
     testsupport::writeFile(root / "tmp/away", "[localhost]\nhost=127.0.0.1\nport=1\n");
     setenv("PGSERVICEFILE", (root / "tmp/away").c_str(), 1);
     pgCloseAll();
@@ -329,7 +331,7 @@ protected:
         PgHelper::SetUp();
         original = getenv("PGSERVICEFILE");
         std::string body = testsupport::readFile(original);
-        body.erase(0, body.find("]") + 1);
+        body.erase(0, body.find(']') + 1);
         std::string text;
         for (int i = 0; i < 32; ++i)
             text += "[" + name(i) + "]" + body + "\n";
