@@ -55,6 +55,8 @@ bool readBlockName(std::string_view rest, hashValue* value) {
     const auto digest = nextToken(&rest);
     if (!type || !length || !digest || type->size() > HASH_TYPE_SIZE)
         return false;
+    if (type->find('\0') != std::string_view::npos)  // it would be written shorter, as another block
+        return false;
     std::copy(type->begin(), type->end(), value->hashType);
     const auto number = std::from_chars(length->data(), length->data() + length->size(), value->hashedLength);
     return number.ec == std::errc{} && readDigest(*digest, value->digest);
