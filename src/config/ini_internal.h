@@ -4,6 +4,18 @@
 #include <string>
 #include <string_view>
 
+inline constexpr std::string_view INI_SPACE = " \t\n\v\f\r";
+
+// Cut what is unwanted off the front, or the end.
+[[nodiscard]] constexpr std::string_view skip(std::string_view text, std::string_view unwanted) {
+    const std::size_t start = text.find_first_not_of(unwanted);
+    return start == std::string_view::npos ? std::string_view() : text.substr(start);
+}
+[[nodiscard]] constexpr std::string_view trimEnd(std::string_view text, std::string_view unwanted = INI_SPACE) {
+    const std::size_t last = text.find_last_not_of(unwanted);
+    return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+}
+
 // Section and key names are compared without case.
 [[nodiscard]] bool sameName(std::string_view a, std::string_view b);
 

@@ -26,7 +26,6 @@ constexpr std::size_t LINE_BYTES = 16383;        // a longer line counts as seve
 constexpr std::size_t CONTINUATION_BYTES = 511;  // of a line that continues a value
 constexpr std::size_t MESSAGE_SIZE = 120;
 constexpr int READER_PATIENCE_MS = 100;
-constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
 constexpr std::string_view LINE_ENDS = "\t\n\r";  // what ends the token of a section header
 constexpr std::string_view KEY_ENDS = "=\t\n\r";  // what ends a key
 
@@ -38,16 +37,6 @@ thread_local char lastMessage[MESSAGE_SIZE] = "";
     if (std::vsnprintf(lastMessage, sizeof(lastMessage), format, arguments) < 0)
         lastMessage[0] = '\0';
     va_end(arguments);
-}
-
-std::string_view skipWhite(std::string_view text) {
-    const std::size_t start = text.find_first_not_of(WHITE_SPACE);
-    return start == std::string_view::npos ? std::string_view() : text.substr(start);
-}
-
-std::string_view trimEnd(std::string_view text, std::string_view unwanted) {
-    const std::size_t last = text.find_last_not_of(unwanted);
-    return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
 }
 
 // The first token of a line; *rest is what follows the delimiter that ended it, *delimiter that character (NUL if the
@@ -90,7 +79,7 @@ private:
 bool isSectionHeader(std::string_view line, std::string_view* name) {
     std::string_view rest;
     char delimiter = '\0';
-    const std::string_view token = skipWhite(firstToken(line, LINE_ENDS, &rest, &delimiter));
+    const std::string_view token = skip(firstToken(line, LINE_ENDS, &rest, &delimiter), INI_SPACE);
     if (!token.starts_with('['))
         return false;
     const std::size_t end = token.rfind(']');
@@ -101,7 +90,7 @@ bool isSectionHeader(std::string_view line, std::string_view* name) {
 enum class LineKind { key, comment, sectionEnd };
 
 LineKind splitKey(std::string_view line, std::string_view* key, std::string_view* value, char* delimiter) {
-    const std::string_view token = skipWhite(firstToken(line, KEY_ENDS, value, delimiter));
+    const std::string_view token = skip(firstToken(line, KEY_ENDS, value, delimiter), INI_SPACE);
     if (token.empty() || token.front() == ';' || token.front() == '#')
         return LineKind::comment;
     if (token.front() == '[')
@@ -142,7 +131,7 @@ public:
     ValueCopier(char* dest, std::size_t destLen) : dest_(dest), limit_(destLen - 1) {}
 
     void copy(std::string_view value, Lines* lines) {
-        value = skipWhite(value);
+        value = skip(value, INI_SPACE);
         if (value.starts_with('"')) {
             isQuoteOpen_ = true;
             value.remove_prefix(1);
@@ -161,7 +150,7 @@ public:
             previous_ = c;
         }
         // What a quoted value holds at its end is meant to be there.
-        while (length_ > quoteEnd_ && WHITE_SPACE.find(dest_[length_ - 1]) != std::string_view::npos)
+        while (length_ > quoteEnd_ && INI_SPACE.find(dest_[length_ - 1]) != std::string_view::npos)
             length_--;
         dest_[length_] = '\0';
     }
@@ -422,7 +411,7 @@ int ini_get_data(const char* section, const char* key, const char* defaultValue,
             keepMessage("Keyword [%s] not found ", key);
         return giveDefault(defaultValue, dest, destLen);
     }
-    const std::string_view value = trimEnd(search.value, WHITE_SPACE);
+    const std::string_view value = trimEnd(search.value);
     if (value.size() >= destLen) {
         LOG_HERE(2, "ini_get_data: Not enough room to hold the returned value (src_len = %d, dest_len = %d)\n",
                  static_cast<int>(value.size()), static_cast<int>(destLen));

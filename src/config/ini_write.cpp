@@ -23,15 +23,9 @@ constexpr std::size_t FIXED_COLUMNS = 3;  // two blanks before the key, and the 
 constexpr mode_t INI_MODE = 0644;
 constexpr int WRITER_PATIENCE_MS = 2000;
 constexpr std::string_view BLANKS = " \t";
-constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
-
-std::string_view trimEnd(std::string_view text) {
-    const std::size_t last = text.find_last_not_of(WHITE_SPACE);
-    return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
-}
 
 std::string_view skipBlanks(std::string_view text) {
-    return text.substr(std::min(text.find_first_not_of(BLANKS), text.size()));
+    return skip(text, BLANKS);
 }
 
 // Where a key stands in a file, or where it belongs.
@@ -100,7 +94,7 @@ std::string_view trailingComment(std::string_view line) {
             end += rest[end] == '\\' ? 2 : 1;
         rest.remove_prefix(std::min(end + 1, rest.size()));
     } else if (!rest.starts_with('#') && !rest.starts_with(';')) {
-        rest.remove_prefix(std::min(rest.find_first_of(WHITE_SPACE), rest.size()));
+        rest.remove_prefix(std::min(rest.find_first_of(INI_SPACE), rest.size()));
     }
     const std::size_t start = rest.find_first_of("#;");
     return start == std::string_view::npos ? std::string_view() : rest.substr(start);
