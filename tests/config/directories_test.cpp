@@ -50,22 +50,22 @@ TEST_F(Directories, FullStartFindsMakesAndExportsTheDirectories) {
         for (const char* made : {"profiles.dir", "lists.dir", "info.dir", "catalog.dir", "logs.dir"})
             EXPECT_TRUE(std::filesystem::is_directory(install() + "/" + made)) << made;
         EXPECT_TRUE(std::filesystem::is_directory(root / "tmp/reports"));
-        const std::pair<const char*, std::string> environment[] = {{"DQ_MASTER_INI", install() + "/dqinit/master.ini"},
-                                                                   {"DQ_APPDIR", install()},
-                                                                   {"DQDIR", install()},
-                                                                   {"DQ_BINDIR", install() + "/bin"},
-                                                                   {"BKUPBIN", install() + "/bin"},
-                                                                   {"DQ_LOGDIR", install() + "/logs.dir"},
-                                                                   {"DQ_REPORTDIR", root / "tmp/reports"},
-                                                                   {"DQ_INITDIR", install() + "/dqinit"},
-                                                                   {"DQ_XRDIR", install() + "/dqinit/xresources"},
-                                                                   {"DQ_LISTDIR", install() + "/lists.dir"},
-                                                                   {"DQ_PROFILEDIR", install() + "/profiles.dir"},
-                                                                   {"DQ_INFODIR", install() + "/info.dir"},
-                                                                   {"DQ_UTILDIR", install() + "/util"},
-                                                                   {"DQ_LIBDIR", install() + "/lib"}};
-        for (const auto& [name, value] : environment)
-            EXPECT_STREQ(getenv(name), value.c_str()) << name;
+        const std::pair<const char*, const char*> environment[] = {{"DQ_APPDIR", ""},
+                                                                   {"DQDIR", ""},
+                                                                   {"DQ_MASTER_INI", "/dqinit/master.ini"},
+                                                                   {"DQ_BINDIR", "/bin"},
+                                                                   {"BKUPBIN", "/bin"},
+                                                                   {"DQ_XRDIR", "/dqinit/xresources"},
+                                                                   {"DQ_LOGDIR", "/logs.dir"},
+                                                                   {"DQ_INITDIR", "/dqinit"},
+                                                                   {"DQ_PROFILEDIR", "/profiles.dir"},
+                                                                   {"DQ_LISTDIR", "/lists.dir"},
+                                                                   {"DQ_INFODIR", "/info.dir"},
+                                                                   {"DQ_UTILDIR", "/util"},
+                                                                   {"DQ_LIBDIR", "/lib"}};
+        for (const auto& [name, below] : environment)
+            EXPECT_EQ(getenv(name), install() + below) << name;
+        EXPECT_EQ(getenv("DQ_REPORTDIR"), (root / "tmp/reports").string());
         testing::internal::CaptureStdout();
         export_environment(1);
         EXPECT_NE(testing::internal::GetCapturedStdout().find(": ${DQDIR:=" + install() + "}\n"), std::string::npos);
@@ -102,31 +102,24 @@ TEST_F(Directories, InstallDirectoryIsSearchedInOrder) {
     const std::string standard = systemPath(paths::INSTALL_DIR);
     const std::string fromIni = root / "tmp/ini";
     const std::string fromEnvironment = root / "tmp/env";
-    const struct {
-        const char* what;
-        const char* environment;
-        const char* ini;  // null: no dq.ini
-        std::string directory;
-    } cases[] = {
-        {"environment first", fromEnvironment.c_str(), fromIni.c_str(), fromEnvironment},
-        {"then dq.ini", nullptr, fromIni.c_str(), fromIni},
-        {"no dq.ini", nullptr, nullptr, standard},
-        {"empty", nullptr, "", standard},
-        {"marked as missing", "N/A", fromIni.c_str(), standard},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_TRUE(inOwnProcess([&] {
-            if (c.environment != nullptr)
-                setenv("DQDIR", c.environment, 1);
-            if (c.ini != nullptr)
-                writeFile(root / "etc/default/dq.ini", std::string("[Location Information]\nDQDIR=") + c.ini + "\n");
+    // The environment's word, dq.ini's (null: no such file), and what comes of them.
+    const std::tuple<const char*, const char*, std::string> cases[] = {
+        {fromEnvironment.c_str(), fromIni.c_str(), fromEnvironment},
+        {nullptr, fromIni.c_str(), fromIni},
+        {nullptr, nullptr, standard},
+        {nullptr, "", standard},
+        {"N/A", fromIni.c_str(), standard}};
+    for (const auto& [environment, ini, directory] : cases)
+        EXPECT_TRUE(inOwnProcess([this, environment = environment, ini = ini, expected = directory] {
+            if (environment != nullptr)
+                setenv("DQDIR", environment, 1);
+            if (ini != nullptr)
+                writeFile(root / "etc/default/dq.ini", std::string("[Location Information]\nDQDIR=") + ini + "\n");
             else
                 std::filesystem::remove(root / "etc/default/dq.ini");
             ASSERT_EQ(init_application(), 0);
-            EXPECT_EQ(g_appdir, c.directory);
-        }));
-    }
+            EXPECT_EQ(g_appdir, expected);
+        })) << directory;
 }
 
 TEST_F(Directories, PathsThatAreTooLongOrRelativeAreToldApart) {

@@ -34,11 +34,7 @@ protected:
 };
 
 TEST_F(Ini, ValuesFollowTheirSyntax) {
-    const struct {
-        const char* what;
-        const char* line;
-        const char* value;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"blanks around", "  k = v \t\n", "v"},
         {"tab before the equals sign", "k\t= v\n", "= v"},
         {"key in another case", "K=v\n", "v"},
@@ -77,10 +73,8 @@ TEST_F(Ini, ValuesFollowTheirSyntax) {
         {"next section", "[T]\nk=v\n", "default"},
         {"another key", "kk=v\n", "default"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(get(std::string("k=outside\n[S]\n") + c.line), c.value);
-    }
+    for (const auto& [what, line, value] : cases)
+        EXPECT_EQ(get(std::string("k=outside\n[S]\n") + line), value) << what;
 }
 
 TEST_F(Ini, SectionNameEndsAtItsLastBracketAndOnlyTheFirstSectionCounts) {
@@ -156,12 +150,7 @@ TEST_F(Ini, NumbersAndTruthValues) {
 
 TEST_F(Ini, PutFieldKeepsWidthAndCommentColumn) {
     const std::string tail = "  z=1\n[T]\n  k=other\n";
-    const struct {
-        const char* what;
-        std::string before;
-        std::string value;
-        std::string after;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::string, std::string> cases[] = {
         {"shorter, comment", "  k=12345    ; why\n", "1", "  k=1        ; why\n"},
         {"longer in the room", "  k=1        ; why\n", "12345", "  k=12345    ; why\n"},
         {"fills the room", "  k=1   ;c\n", "1234", "  k=1234;c\n"},
@@ -175,10 +164,8 @@ TEST_F(Ini, PutFieldKeepsWidthAndCommentColumn) {
         {"comment too wide", "  k=1 ; why  \n", std::string(71, 'v'), "  k=" + std::string(71, 'v') + "\n; why\n"},
         {"wider than a line", "  k=1\n", std::string(90, 'v'), "  k=" + std::string(90, 'v') + "\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(afterPut("[s]\n" + c.before + tail, "k", c.value.c_str()), "[s]\n" + c.after + tail);
-    }
+    for (const auto& [what, before, value, after] : cases)
+        EXPECT_EQ(afterPut("[s]\n" + before + tail, "k", value.c_str()), "[s]\n" + after + tail) << what;
 }
 
 TEST_F(Ini, NewKeysGoToTheirSection) {

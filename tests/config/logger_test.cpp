@@ -128,13 +128,10 @@ TEST_F(Logger, ErrnoStandsBehindTheMessageAndSurvivesIt) {
 
 TEST_F(Logger, SilentLevelLeavesNoTrace) {
     log_level = LOG_SILENT;
-    EXPECT_EQ(open_log("a.log"), 0);
-    EXPECT_EQ(log_message(0, "x"), 0);
-    EXPECT_EQ(log_raw(0, "x"), 0);
+    EXPECT_EQ(open_log("a.log") + log_message(0, "x") + log_raw(0, "x"), 0);
     close_log();
     EXPECT_EQ(names(), "");
-    FILE* const stream = log_stream(nullptr);
-    ASSERT_NE(stream, nullptr);  // "/dev/null", for callers that want some stream
+    ASSERT_NE(log_stream(nullptr), nullptr);  // "/dev/null", for callers that want some stream
 }
 
 TEST_F(Logger, LevelsFrom100SelectTheSimpleWriterExceptForServers) {
@@ -227,16 +224,12 @@ TEST_F(Logger, OpeningEmptiesTheLogAndSetsItsMode) {
 }
 
 TEST_F(Logger, LevelComesFromTheEnvironment) {
-    const struct {
-        const char* value;
-        int level;
-    } cases[] = {{"LOG_LEVEL: 5", 5}, {"elevenchars4", 4}, {"short", 2}, {"elevenchars", 2}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
+    for (const auto& [value, level] :
+         {std::pair("LOG_LEVEL: 5", 5), {"elevenchars4", 4}, {"short", 2}, {"elevenchars", 2}}) {
         log_level = 2;
-        setenv("LOG_LEVEL", c.value, 1);
+        setenv("LOG_LEVEL", value, 1);
         ASSERT_EQ(open_log("a.log"), 0);
-        EXPECT_EQ(log_level, c.level);
+        EXPECT_EQ(log_level, level) << value;
     }
     unsetenv("LOG_LEVEL");
 }
