@@ -6,9 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
-#include "base/paths.h"
 #include "base/text.h"
 #include "bookkeeping/common.h"
 #include "config/directories.h"
@@ -93,11 +91,7 @@ bool readNamedSubfileLimit(const std::string& name, std::uint64_t* bytes) {
 }
 
 bool platformReplicates() {
-    std::ifstream capabilities(systemPath(paths::PLATFORM_CAPABILITIES));
-    for (std::string word; capabilities >> word;)
-        if (word == "replication")
-            return true;
-    return false;
+    return platformHasWord("replication", CapabilityPlace::anywhere);
 }
 
 }  // namespace

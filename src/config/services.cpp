@@ -1,18 +1,22 @@
 #include "config/services.h"
 
+#include <fcntl.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "base/file_descriptor.h"
 #include "base/paths.h"
 #include "base/run_command.h"
 #include "config/directories.h"
+#include "config/ini_internal.h"
 #include "log/logger.h"
 
 namespace {
@@ -126,6 +130,28 @@ int safe_read(int fd, void* buffer, int length) {
         done += static_cast<int>(count);
     }
     return done;
+}
+
+std::string smallFileText(const std::string& path) {
+    constexpr int MOST = 65536;
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text(MOST, '\0');
+    const int got = safe_read(file.get(), text.data(), MOST);
+    text.resize(static_cast<std::size_t>(std::max(got, 0)));
+    return text;
+}
+
+bool platformHasWord(std::string_view word, CapabilityPlace place) {
+    const std::string text = smallFileText(systemPath(paths::PLATFORM_CAPABILITIES));
+    const std::string_view separators = place == CapabilityPlace::anywhere ? " \t\r\n\v\f" : "\n";
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(separators, start), text.size());
+        const std::string_view piece = std::string_view(text).substr(start, end - start);
+        if (trimEnd(skip(piece, INI_SPACE)) == word)
+            return true;
+        start = end + 1;
+    }
+    return false;
 }
 
 std::uint32_t crc32_buffer(const unsigned char* data, std::size_t length) {

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 // Zeroed and plain blocks for interfaces that free(); without memory both end the process with status 1.
 [[nodiscard]] void* zalloc(unsigned size);
@@ -13,6 +15,9 @@
 [[nodiscard]] int safe_write(int fd, const void* buffer, int length);
 [[nodiscard]] int safe_read(int fd, void* buffer, int length);
 
+// A small file as text, at most 64 KiB of it; empty if it can't be read.
+[[nodiscard]] std::string smallFileText(const std::string& path);
+
 // CRC-32 of IEEE 802.3; 0 for no bytes.
 [[nodiscard]] std::uint32_t crc32_buffer(const unsigned char* data, std::size_t length);
 
@@ -22,6 +27,11 @@
 [[nodiscard]] int platformSupportsInlineDedup();
 [[nodiscard]] int platformSupportsiSynth();
 [[nodiscard]] int isARXVirtual();
+
+// Whether the list of the platform's capabilities has a word: anywhere, or as a line of its own between blanks. Starts
+// no shell; any thread.
+enum class CapabilityPlace { anywhere, lineOfItsOwn };
+[[nodiscard]] bool platformHasWord(std::string_view word, CapabilityPlace place);
 
 // Recent errors by class, for reports of user-level operations. Main thread only.
 inline constexpr int GERROR_CLASSES = 6;

@@ -50,6 +50,9 @@ TEST_F(Services, CapabilityIsAWordAtTheStartOfALine) {
         EXPECT_EQ(platformSupportsDedupNT(), c.dedupNT);
         EXPECT_EQ(platformSupportsInlineDedup(), c.inlineDedup);
         EXPECT_EQ(isARXVirtual(), c.isVirtual);
+        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::anywhere),
+                  std::string(c.text).find("dedupNT\n") != std::string::npos);
+        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::lineOfItsOwn), c.dedupNT == 1);
     }
     EXPECT_TRUE(root.logged("platformSupportsDedupNT: command is: grep -w '^dedupNT' " + file + " >/dev/null 2>&1\n"));
     EXPECT_TRUE(root.logged(": isARXVirtual: True\n"));
