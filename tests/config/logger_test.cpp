@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <set>
@@ -31,12 +32,19 @@ using testsupport::writeFile;
 #define STAMP "[A-Z][a-z][a-z] [0-9][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9] : "
 
 std::string reported;
+bool wasMasked = false;  // signals, while that was reported
+
+void noteReport(const char* text) {
+    sigset_t present;
+    reported += text;
+    wasMasked = pthread_sigmask(SIG_BLOCK, nullptr, &present) == 0 && sigismember(&present, SIGUSR1) == 1;
+}
 
 class Logger : public testing::Test {
 protected:
     Logger() {
         reported.clear();
-        g_errmsg_proc = [](const char* text) { reported += text; };
+        g_errmsg_proc = noteReport;
         close_log();
         log_reset();
         for (const char* name : {"DQLOGNAME", "LOG_LEVEL"})
@@ -184,6 +192,7 @@ TEST_F(Logger, UnopenableLogGoesToNullAndTheProgramGoesOn) {
     EXPECT_EQ(OpenLog(&path), -1);
     EXPECT_EQ(path, "/dev/null");
     EXPECT_THAT(reported, HasSubstr("no/such/dir.log because: No such file or directory\n"));
+    EXPECT_TRUE(wasMasked) << "a handler that logs would meet its own lock";
     EXPECT_GT(log_message(0, "lost"), 0);
     log_simple = 1;
     testing::internal::CaptureStderr();
