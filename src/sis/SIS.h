@@ -79,9 +79,6 @@ void tellCompressedLengthColumn(bool exists);
 [[nodiscard]] int lockSISoffset(SIS* handle, std::uint64_t offset, int command, short type);
 int unlockSISoffset(SIS* handle, std::uint64_t offset);
 
-// Brings device list and ring in line with the catalogue. Only with an exclusive flock on the info file.
-[[nodiscard]] int updateSISmap(SIS* handle);
-
 // The device of the catalogue that holds a store file, by the file's path; -1 if there is none.
 [[nodiscard]] int findDeviceNumber(const std::string& path);
 
@@ -109,3 +106,6 @@ struct SISsummary {
 
 // The device on which a new file for the offset would be put first. 0 or -1.
 [[nodiscard]] int placeOfSISoffset(SIS* handle, std::uint64_t offset, SISdevice* device);
+
+// For tests: asks memory and settings anew how much of a file to map at a time, which is settled once per process.
+void forgetSISwindow();

@@ -13,7 +13,8 @@
 #include "sis/mapping.h"
 
 inline constexpr std::size_t PAGE = 4096;
-inline constexpr int DISK_DEVICE_TYPE = 128;  // of dq.devices
+inline constexpr int DISK_DEVICE_TYPE = 128;                 // of dq.devices
+inline constexpr std::uint64_t MOST_INFO_LENGTH = 64 << 20;  // thousands of devices; more is damage
 
 [[nodiscard]] constexpr std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) {
     return value / unit * unit + (value % unit != 0 ? unit : 0);
@@ -98,8 +99,8 @@ struct SIS {
     FileDescriptor info;
     std::string infoPath;
     Mapping map;
-    std::uint64_t generation = 0;  // for which the copies below were made
-    std::uint64_t limit = 0;       // file size limit; never changes
+    std::optional<std::uint64_t> generation;  // for which the copies below were made
+    std::uint64_t limit = 0;                  // file size limit; never changes
     std::uint64_t blockSize = 0;
     std::vector<Device> devices;  // by falling length of the directory, as in the file
     std::vector<RingEntry> ring;
@@ -166,9 +167,11 @@ private:
 // Ciphers whole units in place, which begin at a SIS offset. 0 or -1.
 [[nodiscard]] int cipherSIS(StoreFile* file, int operation, std::span<std::byte> data, std::uint64_t offset);
 
-// Between memory and the open file's window, in clear or not as the file says. 0 or -1.
-[[nodiscard]] int readWindow(SIS* handle, std::span<std::byte> buffer, std::uint64_t offset);
-[[nodiscard]] int writeWindow(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset);
+// Between memory and the open file's window, in clear or not as the file says. A cipher that failed is logged, and
+// closes the file: it has to be found again.
+enum class CopyResult { Done, Faulted, NotCiphered };
+[[nodiscard]] CopyResult readWindow(SIS* handle, std::span<std::byte> buffer, std::uint64_t offset);
+[[nodiscard]] CopyResult writeWindow(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset);
 
 // memcpy that survives a fault in a mapped file: false if there was one. Then some of the bytes may have been copied.
 [[nodiscard]] bool guardedCopy(void* to, const void* from, std::size_t count);
@@ -178,13 +181,17 @@ private:
 [[nodiscard]] int confirmSpace(SIS* handle, std::size_t length);
 
 // What the catalogue says of disks, the shortest name first. A connection of its own: a store may be opened by any
-// thread, the process-wide connection belongs to one. 0 or -1.
+// thread, the process-wide connection belongs to one. Connecting and asking each end after CATALOGUE_LIMIT. 0 or -1.
 struct CatalogueDisk {
     std::string name;
     bool isDeleted = false;
     std::int64_t capacity = 0;
 };
 [[nodiscard]] int listDedupDisks(std::vector<CatalogueDisk>* disks);
+
+// Brings device list and ring in line with the catalogue's disks, and sets the time of the update. Only with an
+// exclusive flock on the info file. When the device has no room for a longer map the store goes on with the one it has.
+[[nodiscard]] int updateSISmap(SIS* handle, std::span<const CatalogueDisk> disks);
 
 // Keeps the logs as they are now, once for each suffix.
 void captureSISerror(const std::string& suffix);

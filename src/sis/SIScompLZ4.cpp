@@ -43,7 +43,11 @@ int SIScompressBlock(std::span<const std::byte> source, std::span<std::byte> des
 }
 
 int SISdecompressBlock(std::span<const std::byte> source, std::span<std::byte> destination) {
-    const std::uint32_t magic = source.size() < SIS_COMPRESSED_HEADER ? 0 : wordAt(source, 0);
+    if (source.size() < SIS_COMPRESSED_HEADER) {
+        log_message(0, "SISdecompressBlock, %zu bytes are no block\n", source.size());
+        return -1;
+    }
+    const std::uint32_t magic = wordAt(source, 0);
     if (magic != SIS_COMPRESSED_MAGIC) {
         log_message(0, "SISdecompressBlock, not legacy magic number 0x%08x\n", magic);
         return -1;

@@ -1,7 +1,9 @@
 // What the store asks of the catalogue: which disks there are, and which of them a file lies on.
 
 #include <libpq-fe.h>
+#include <poll.h>
 
+#include <chrono>
 #include <cstdlib>
 
 #include "base/text.h"
@@ -13,14 +15,18 @@ namespace {
 using ConnectionPtr = std::unique_ptr<PGconn, Releaser<&PQfinish>>;
 using RowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;
 
-constexpr char CONNINFO[] = "service=localhost dbname=dqdb";
+constexpr std::chrono::seconds CATALOGUE_LIMIT{5};
 
 void logNotice(void*, const char* notice) {
     log_message(3, "From libpq: %s", notice);
 }
 
 ConnectionPtr connectToCatalogue() {
-    ConnectionPtr connection(PQconnectdb(CONNINFO));
+    // The server ends a statement too, so that none is left there of a client that has gone.
+    const std::string conninfo =
+        formatString("service=localhost dbname=dqdb connect_timeout=%ld options='-c statement_timeout=%lds'",
+                     CATALOGUE_LIMIT.count(), CATALOGUE_LIMIT.count());
+    ConnectionPtr connection(PQconnectdb(conninfo.c_str()));
     if (PQstatus(connection.get()) != CONNECTION_OK) {
         log_message(0, "Connection failed, error:\n %s", PQerrorMessage(connection.get()));
         return nullptr;
@@ -29,8 +35,30 @@ ConnectionPtr connectToCatalogue() {
     return connection;
 }
 
+// Waits until the answer is there. False if it doesn't come in time; a connection that broke counts as an answer.
+bool waitForAnswer(PGconn* connection) {
+    const auto deadline = std::chrono::steady_clock::now() + CATALOGUE_LIMIT + std::chrono::seconds(1);
+    while (PQisBusy(connection) == 1) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{PQsocket(connection), POLLIN, 0};
+        const int ready = left.count() <= 0 ? 0 : poll(&entry, 1, static_cast<int>(left.count()));
+        if (ready == 0)
+            return false;
+        if (ready > 0 && PQconsumeInput(connection) == 0)
+            return true;
+    }
+    return true;
+}
+
 RowsPtr run(PGconn* connection, const std::string& statement) {
-    RowsPtr rows(PQexec(connection, statement.c_str()));
+    RowsPtr rows;
+    if (PQsendQuery(connection, statement.c_str()) == 1) {
+        if (!waitForAnswer(connection)) {
+            LOG_HERE(0, "query failed\n  no answer in time\n");
+            return nullptr;
+        }
+        rows.reset(PQgetResult(connection));
+    }
     if (PQresultStatus(rows.get()) != PGRES_TUPLES_OK) {
         LOG_HERE(0, "query failed\n  %s", PQerrorMessage(connection));
         return nullptr;

@@ -94,28 +94,35 @@ std::byte* inWindow(const StoreFile& file, std::uint64_t offset) {
     return file.window.data() + (offset - file.windowStart);
 }
 
+CopyResult copyGuarded(void* to, const void* from, std::size_t count) {
+    return guardedCopy(to, from, count) ? CopyResult::Done : CopyResult::Faulted;
+}
+
+CopyResult cipherUnits(StoreFile* file, int operation, std::span<std::byte> units, std::uint64_t offset) {
+    return cipherSIS(file, operation, units, offset) == 0 ? CopyResult::Done : CopyResult::NotCiphered;
+}
+
 // Reads whole units from the window in clear.
-int readUnits(StoreFile* file, std::span<std::byte> units, std::uint64_t offset) {
-    if (!guardedCopy(units.data(), inWindow(*file, offset), units.size()))
-        return -1;
-    return cipherSIS(file, CDLIB_DECRYPT, units, offset);
+CopyResult readUnits(StoreFile* file, std::span<std::byte> units, std::uint64_t offset) {
+    const CopyResult copied = copyGuarded(units.data(), inWindow(*file, offset), units.size());
+    return copied == CopyResult::Done ? cipherUnits(file, CDLIB_DECRYPT, units, offset) : copied;
 }
 
 // A range that begins or ends within a unit: through a copy of that unit.
-int readPartOfUnit(StoreFile* file, std::span<std::byte> buffer, std::uint64_t offset) {
+CopyResult readPartOfUnit(StoreFile* file, std::span<std::byte> buffer, std::uint64_t offset) {
     std::array<std::byte, CDLIB_BLOCK_SIZE> unit;
     const std::uint64_t within = offset % unit.size();
-    if (readUnits(file, unit, offset - within) == -1)
-        return -1;
-    std::memcpy(buffer.data(), unit.data() + within, buffer.size());
-    return 0;
+    const CopyResult result = readUnits(file, unit, offset - within);
+    if (result == CopyResult::Done)
+        std::memcpy(buffer.data(), unit.data() + within, buffer.size());
+    return result;
 }
 
-int readCiphered(StoreFile* file, std::span<std::byte> buffer, std::uint64_t offset) {
+CopyResult readCiphered(StoreFile* file, std::span<std::byte> buffer, std::uint64_t offset) {
     while (!buffer.empty()) {
         const std::uint64_t toBoundary = CDLIB_BLOCK_SIZE - offset % CDLIB_BLOCK_SIZE;
         std::size_t count = 0;
-        int result = 0;
+        CopyResult result = CopyResult::Done;
         if (toBoundary < CDLIB_BLOCK_SIZE || buffer.size() < CDLIB_BLOCK_SIZE) {
             count = std::min<std::size_t>(buffer.size(), toBoundary);
             result = readPartOfUnit(file, buffer.first(count), offset);
@@ -123,46 +130,58 @@ int readCiphered(StoreFile* file, std::span<std::byte> buffer, std::uint64_t off
             count = std::min(buffer.size() - buffer.size() % CDLIB_BLOCK_SIZE, CIPHER_PIECE);
             result = readUnits(file, buffer.first(count), offset);
         }
-        if (result == -1)
-            return -1;
+        if (result != CopyResult::Done)
+            return result;
         buffer = buffer.subspan(count);
         offset += count;
     }
-    return 0;
+    return CopyResult::Done;
 }
 
 // One piece: what lies around it in its first and last unit is kept.
-int writePiece(StoreFile* file, std::span<std::byte> room, std::span<const std::byte> data, std::uint64_t offset) {
+CopyResult writePiece(StoreFile* file, std::span<std::byte> room, std::span<const std::byte> data,
+                      std::uint64_t offset) {
     const std::uint64_t head = offset % CDLIB_BLOCK_SIZE;
     const std::size_t size = roundUp(head + data.size(), CDLIB_BLOCK_SIZE);
     const std::span<std::byte> units = room.first(size);
     const std::uint64_t start = offset - head;
     const std::size_t last = size - CDLIB_BLOCK_SIZE;
-    if (head != 0 && readUnits(file, units.first(CDLIB_BLOCK_SIZE), start) == -1)
-        return -1;
+    CopyResult result = CopyResult::Done;
+    if (head != 0)
+        result = readUnits(file, units.first(CDLIB_BLOCK_SIZE), start);
     const bool tailIsPartial = head + data.size() != size;
-    if (tailIsPartial && (last != 0 || head == 0) && readUnits(file, units.subspan(last), start + last) == -1)
-        return -1;
+    if (result == CopyResult::Done && tailIsPartial && (last != 0 || head == 0))
+        result = readUnits(file, units.subspan(last), start + last);
+    if (result != CopyResult::Done)
+        return result;
     std::memcpy(units.data() + head, data.data(), data.size());
-    if (cipherSIS(file, CDLIB_ENCRYPT, units, start) == -1)
-        return -1;
-    return guardedCopy(inWindow(*file, start), units.data(), size) ? 0 : -1;
+    result = cipherUnits(file, CDLIB_ENCRYPT, units, start);
+    return result == CopyResult::Done ? copyGuarded(inWindow(*file, start), units.data(), size) : result;
 }
 
-int writeCiphered(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset) {
+CopyResult writeCiphered(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset) {
     const std::size_t room = std::min(roundUp(buffer.size(), CDLIB_BLOCK_SIZE), CIPHER_PIECE) + CDLIB_BLOCK_SIZE;
     if (!handle->cipherRoom.grow(room)) {
         log_message(0, "Can't malloc(%d)\n", static_cast<int>(room));
-        return -1;
+        return CopyResult::NotCiphered;
     }
     while (!buffer.empty()) {
         const std::size_t count = std::min(buffer.size(), CIPHER_PIECE - offset % CDLIB_BLOCK_SIZE);
-        if (writePiece(&handle->open, {handle->cipherRoom.bytes.get(), room}, buffer.first(count), offset) == -1)
-            return -1;
+        const CopyResult result =
+            writePiece(&handle->open, {handle->cipherRoom.bytes.get(), room}, buffer.first(count), offset);
+        if (result != CopyResult::Done)
+            return result;
         buffer = buffer.subspan(count);
         offset += count;
     }
-    return 0;
+    return CopyResult::Done;
+}
+
+// A session that failed stays so; with the file closed, the next try opens another one.
+CopyResult keepOrClose(StoreFile* file, CopyResult result) {
+    if (result == CopyResult::NotCiphered)
+        *file = StoreFile();
+    return result;
 }
 
 }  // namespace
@@ -172,14 +191,14 @@ bool guardedCopy(void* to, const void* from, std::size_t count) {
     return copyOrJump(to, from, count);
 }
 
-int readWindow(SIS* handle, std::span<std::byte> buffer, std::uint64_t offset) {
+CopyResult readWindow(SIS* handle, std::span<std::byte> buffer, std::uint64_t offset) {
     if (handle->open.crypt)
-        return readCiphered(&handle->open, buffer, offset);
-    return guardedCopy(buffer.data(), inWindow(handle->open, offset), buffer.size()) ? 0 : -1;
+        return keepOrClose(&handle->open, readCiphered(&handle->open, buffer, offset));
+    return copyGuarded(buffer.data(), inWindow(handle->open, offset), buffer.size());
 }
 
-int writeWindow(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset) {
+CopyResult writeWindow(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset) {
     if (handle->open.crypt)
-        return writeCiphered(handle, buffer, offset);
-    return guardedCopy(inWindow(handle->open, offset), buffer.data(), buffer.size()) ? 0 : -1;
+        return keepOrClose(&handle->open, writeCiphered(handle, buffer, offset));
+    return copyGuarded(inWindow(handle->open, offset), buffer.data(), buffer.size());
 }

@@ -73,7 +73,7 @@ int writeToken(const StoreFile& file, std::uint64_t limit, std::span<const std::
     const ssize_t written = pwrite(file.file.get(), token.data(), token.size(), static_cast<off_t>(limit));
     if (written == static_cast<ssize_t>(token.size()))
         return 0;
-    log_message(0, "token pwrite(%s): %s\n", file.path.c_str(), std::strerror(written == -1 ? errno : ENOSPC));
+    log_message(0, "token msync(%s): %s\n", file.path.c_str(), std::strerror(written == -1 ? errno : ENOSPC));
     return -1;
 }
 

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -26,6 +27,9 @@ constexpr char ARCHIVE_NAME[] = "LOGS.DIR.TGZ";
     (void)open("/dev/null", O_RDWR);  // 0, and 1 and 2 below: tar must not take its archive for standard error
     (void)dup(0);
     (void)dup(0);
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);  // a worker's mask would be tar's for good
     char* environment[] = {nullptr};
     execve("/bin/tar", arguments, environment);
     _exit(127);

@@ -23,7 +23,6 @@ constexpr std::uint64_t DEFAULT_FILE_SIZE_LIMIT = 0x800000000;
 constexpr std::uint64_t MOST_BLOCK_SIZE = 0x7fffffffffffffff;
 constexpr std::uint64_t NO_BLOCK_SIZE = ~std::uint64_t{0};
 constexpr std::uint64_t DEVICE_SECTOR = 512;
-constexpr std::uint64_t MOST_INFO_LENGTH = 64 << 20;  // thousands of devices; more is damage
 
 // Never destroyed: handles may be released while the process ends.
 ByteLockFile* offsetLockFile() {
@@ -62,54 +61,69 @@ int infoLength(const SIS* handle, struct stat* st) {
     return -1;
 }
 
-int mapFirstPage(SIS* handle, bool mayInitialize) {
-    struct stat st;
-    if (infoLength(handle, &st) == -1)
-        return -1;
-    if (st.st_size == 0 || st.st_blocks == 0) {
-        if (!mayInitialize) {
-            log_message(0, "The single instance store isn't ready -- empty info file.\n");
-            return -1;
-        }
-        if (ftruncate(handle->info.get(), PAGE) == -1) {
-            LOG_HERE(0, "ftruncate(%s): %s\n", handle->infoPath.c_str(), std::strerror(errno));
-            return -1;
-        }
-    } else if (st.st_size < static_cast<off_t>(PAGE)) {
-        LOG_HERE(0, "%s is damaged: %ld bytes\n", handle->infoPath.c_str(), st.st_size);
-        return -1;
-    }
-    if (handle->map.map(handle->info.get(), 0, PAGE) == 0)
+// Gives the file's pages their place on the device now: a touch of a mapped page that finds none is SIGBUS, for whoever
+// touches it. 0, or -1 with the file at least as long as before.
+int allocateInfo(const SIS* handle, std::uint64_t length) {
+    const int error = posix_fallocate(handle->info.get(), 0, static_cast<off_t>(length));
+    if (error == 0)
         return 0;
-    LOG_HERE(0, "mmap(%s): %s\n", handle->infoPath.c_str(), std::strerror(errno));
+    LOG_HERE(0, "posix_fallocate(%s, %lu): %s\n", handle->infoPath.c_str(), length, std::strerror(error));
     return -1;
 }
 
-// The two sizes that are settled when the store is made; those who come too early are told which one is missing.
-int settleSizes(SIS* handle, bool mayInitialize) {
+int mapHeader(SIS* handle) {
+    struct stat st;
+    if (infoLength(handle, &st) == -1)
+        return -1;
+    if (st.st_size < static_cast<off_t>(PAGE)) {
+        LOG_HERE(0, "%s is damaged: %ld bytes\n", handle->infoPath.c_str(), st.st_size);
+        return -1;
+    }
+    if (handle->map.map(handle->info.get(), 0, PAGE) == -1) {
+        LOG_HERE(0, "mmap(%s): %s\n", handle->infoPath.c_str(), std::strerror(errno));
+        return -1;
+    }
+    const std::uint32_t version = SISword(handle->header().version);
+    if (version != 0)
+        log_message(0, "Can't handle single instance store version 0x%08X\n", version);
+    return version == 0 ? 0 : -1;
+}
+
+// Those who come too early are told what is missing.
+int checkReady(SIS* handle) {
+    SISheader& header = handle->header();
+    const std::uint64_t blockSize = SISword(header.blockSize);
+    const std::uint64_t limit = SISword(header.fileSizeLimit);
+    if (blockSize == 0)
+        log_message(0, "The single instance store isn't ready -- block size = %lX.\n", blockSize);
+    else if (limit == 0)
+        log_message(0, "The single instance store isn't ready -- file size limit = %lX.\n", limit);
+    else if (SISword(header.mappedLength) == 0 || SISword(header.deviceList) == 0)
+        log_message(0, "The single instance store isn't ready -- empty info file.\n");
+    else
+        return 0;
+    return -1;
+}
+
+// With the exclusive lock: puts in what the header lacks. The sizes are settled with that for ever.
+void completeHeader(SIS* handle) {
     SISheader& header = handle->header();
     const auto blockSize = SISword(header.blockSize);
-    const auto limit = SISword(header.fileSizeLimit);
-    if (blockSize == 0 && !mayInitialize) {
-        log_message(0, "The single instance store isn't ready -- block size = %lX.\n", blockSize.load());
-        return -1;
-    }
-    if (limit == 0 && !mayInitialize) {
-        log_message(0, "The single instance store isn't ready -- file size limit = %lX.\n", limit.load());
-        return -1;
-    }
-    if (!mayInitialize && (SISword(header.mappedLength) == 0 || SISword(header.deviceList) == 0)) {
-        log_message(0, "The single instance store isn't ready -- empty info file.\n");
-        return -1;
-    }
     if (blockSize == 0)
         blockSize = 2 * PAGE;
-    else if (blockSize == NO_BLOCK_SIZE && mayInitialize)
+    else if (blockSize == NO_BLOCK_SIZE)
         blockSize = MOST_BLOCK_SIZE;
-    if (limit == 0)
-        limit = DEFAULT_FILE_SIZE_LIMIT;
-    handle->blockSize = std::min(blockSize.load(), MOST_BLOCK_SIZE);
-    handle->limit = limit;
+    if (SISword(header.fileSizeLimit) == 0)
+        SISword(header.fileSizeLimit) = DEFAULT_FILE_SIZE_LIMIT;
+    if (SISword(header.mappedLength) == 0)
+        SISword(header.mappedLength) = static_cast<std::uint32_t>(PAGE);
+    if (SISword(header.deviceList) == 0)
+        SISword(header.deviceList) = sizeof(SISheader);
+}
+
+int takeSizes(SIS* handle) {
+    handle->blockSize = std::min(SISword(handle->header().blockSize).load(), MOST_BLOCK_SIZE);
+    handle->limit = SISword(handle->header().fileSizeLimit);
     // Ciphered units and direct writes must not straddle what two writers reserved, nor the end of a file.
     const bool unusable = handle->limit % PAGE != 0 || handle->limit > MOST_BLOCK_SIZE ||
                           (handle->blockSize <= handle->limit &&
@@ -163,25 +177,19 @@ void passExistingFiles(SIS* handle) {
                  handle->infoPath.c_str(), behind);
 }
 
-// With the exclusive lock: completes what the file lacks, and asks the catalogue for its devices.
-int bringUpToDate(SIS* handle) {
-    SISheader& header = handle->header();
-    if (SISword(header.mappedLength) == 0)
-        SISword(header.mappedLength) = static_cast<std::uint32_t>(PAGE);
-    if (SISword(header.deviceList) == 0)
-        SISword(header.deviceList) = sizeof(SISheader);
-    if (followLength(handle) == -1)
+// With the exclusive lock: takes the catalogue's devices in.
+int bringUpToDate(SIS* handle, std::span<const CatalogueDisk> disks) {
+    if (followLength(handle) == -1 || allocateInfo(handle, handle->map.size()) == -1)
         return -1;
-    if (updateSISmap(handle) == -1) {
+    if (updateSISmap(handle, disks) == -1) {
         log_message(0, "Failed to update single instance store mapping\n");
         return -1;
     }
-    handle->generation = SISword(handle->header().generation) - 1;
+    handle->generation.reset();
     if (refreshMap(handle) == -1)
         return -1;
     if (handle->nextFree() == 0)
         passExistingFiles(handle);
-    SISword(handle->header().updateTime) = static_cast<std::uint64_t>(time(nullptr));
     if (msync(handle->map.data(), handle->map.size(), MS_SYNC | MS_INVALIDATE) == -1) {
         LOG_HERE(0, "msync(%s): %s\n", handle->infoPath.c_str(), std::strerror(errno));
         return -1;
@@ -189,22 +197,66 @@ int bringUpToDate(SIS* handle) {
     return 0;
 }
 
-int openLocked(SIS* handle, bool mayInitialize) {
-    if (mapFirstPage(handle, mayInitialize) == -1)
+int openBesideOthers(SIS* handle) {
+    struct stat st;
+    if (infoLength(handle, &st) == -1)
         return -1;
-    const std::uint32_t version = SISword(handle->header().version);
-    if (version != 0) {
-        log_message(0, "Can't handle single instance store version 0x%08X\n", version);
+    if (st.st_size == 0 || st.st_blocks == 0) {
+        log_message(0, "The single instance store isn't ready -- empty info file.\n");
         return -1;
     }
-    if (settleSizes(handle, mayInitialize) == -1 || (mayInitialize && bringUpToDate(handle) == -1))
+    if (mapHeader(handle) == -1 || checkReady(handle) == -1 || takeSizes(handle) == -1)
+        return -1;
+    return refreshMap(handle);
+}
+
+// With the exclusive lock, which becomes a shared one.
+int openAlone(SIS* handle, std::span<const CatalogueDisk> disks) {
+    struct stat st;
+    if (infoLength(handle, &st) == -1)
+        return -1;
+    const bool isPart = st.st_size > 0 && st.st_size < static_cast<off_t>(PAGE);  // mapHeader tells
+    if ((!isPart && allocateInfo(handle, PAGE) == -1) || mapHeader(handle) == -1)
+        return -1;
+    completeHeader(handle);
+    if (takeSizes(handle) == -1 || bringUpToDate(handle, disks) == -1)
         return -1;
     // Going down from the exclusive lock isn't one step: someone else may have changed the map in between.
-    if (mayInitialize && lockInfo(handle, LOCK_SH) == -1)
+    return lockInfo(handle, LOCK_SH) == -1 ? logFlock(handle) : refreshMap(handle);
+}
+
+bool isSetUp(SIS* handle) {
+    struct stat st;
+    return fstat(handle->info.get(), &st) == 0 && st.st_size >= static_cast<off_t>(PAGE) &&
+           handle->map.map(handle->info.get(), 0, PAGE) == 0 && SISword(handle->header().blockSize) != 0 &&
+           SISword(handle->header().fileSizeLimit) != 0 && SISword(handle->header().deviceList) != 0;
+}
+
+// All that read wait for the exclusive lock: with it nothing is asked of the catalogue. But a store that isn't set up
+// stays locked: who came in between would be told that it isn't ready. Returns whether the lock is held, or -1.
+int fetchDisks(SIS* handle, std::vector<CatalogueDisk>* disks) {
+    const bool isStore = isSetUp(handle);
+    if (isStore)
+        (void)lockInfo(handle, LOCK_UN);
+    if (listDedupDisks(disks) == -1) {
+        log_message(0, "Failed to update single instance store mapping\n");
+        return -1;
+    }
+    return !isStore || lockInfo(handle, LOCK_EX | LOCK_NB) == 0 ? 1 : 0;
+}
+
+int openLocked(SIS* handle) {
+    std::vector<CatalogueDisk> disks;
+    int isAlone = lockInfo(handle, LOCK_EX | LOCK_NB) == 0 ? 1 : 0;
+    if (isAlone == 1)
+        isAlone = fetchDisks(handle, &disks);
+    else if (errno != EAGAIN)
         return logFlock(handle);
-    if (!mayInitialize)
-        handle->generation = SISword(handle->header().generation) - 1;
-    return refreshMap(handle);
+    if (isAlone == -1)
+        return -1;
+    if (isAlone == 1)
+        return openAlone(handle, disks);
+    return lockInfo(handle, LOCK_SH) == -1 ? logFlock(handle) : openBesideOthers(handle);
 }
 
 }  // namespace
@@ -264,10 +316,8 @@ int growInfo(SIS* handle, std::uint64_t length) {
         LOG_HERE(0, "%s would become too long: %lX\n", handle->infoPath.c_str(), length);
         return -1;
     }
-    if (ftruncate(handle->info.get(), static_cast<off_t>(length)) == -1) {
-        LOG_HERE(0, "ftruncate(%s): %s\n", handle->infoPath.c_str(), std::strerror(errno));
+    if (allocateInfo(handle, length) == -1)
         return -1;
-    }
     if (handle->map.resize(length) == -1) {
         log_message(0, "mremap(, %zd, %zd, MREMAP_MAYMOVE): %s\n", before, length, std::strerror(errno));
         return -1;
@@ -296,17 +346,7 @@ SISPtr openSIS() {
         log_message(0, "malloc(%zd) failed\n", static_cast<ssize_t>(sizeof(SIS)));
         return nullptr;
     }
-    if (openInfo(handle.get()) == -1)
-        return nullptr;
-    bool isAlone = true;
-    if (lockInfo(handle.get(), LOCK_EX | LOCK_NB) == -1) {
-        isAlone = false;
-        if (errno != EAGAIN || lockInfo(handle.get(), LOCK_SH) == -1) {
-            (void)logFlock(handle.get());
-            return nullptr;
-        }
-    }
-    if (openLocked(handle.get(), isAlone) == -1)
+    if (openInfo(handle.get()) == -1 || openLocked(handle.get()) == -1)
         return nullptr;  // the lock goes with the descriptor
     (void)lockInfo(handle.get(), LOCK_UN);
     return SISPtr(handle.release());
@@ -332,7 +372,7 @@ int describeSIS(SIS* handle, SISsummary* summary, std::span<const SISdevice>* de
     if (shared.failed())
         return -1;
     SISheader& header = handle->header();
-    *summary = {SISword(header.updateTime), handle->generation,
+    *summary = {SISword(header.updateTime), *handle->generation,
                 handle->blockSize,          handle->limit,
                 handle->nextFree(),         static_cast<std::uint32_t>(handle->ring.size())};
     handle->shown.clear();

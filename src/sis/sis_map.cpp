@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <numeric>
 #include <tuple>
 
 #include "log/logger.h"
@@ -34,6 +36,11 @@ bool isDirectory(const std::string& path) {
 
 std::uint32_t weightOf(const CatalogueDisk& disk) {
     return static_cast<std::uint32_t>(std::clamp<std::int64_t>(disk.capacity / CAPACITY_PER_POINT, 1, MOST_POINTS));
+}
+
+std::uint64_t weightOf(const std::vector<Device>& devices) {
+    return std::accumulate(devices.begin(), devices.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const Device& device) { return sum + device.weight; });
 }
 
 // Takes one row of the catalogue into the list. Returns whether the list has a new entry.
@@ -114,12 +121,16 @@ std::vector<RingEntry> ringOf(const std::vector<Device>& devices) {
 int storeMap(SIS* handle, std::vector<Device>* devices, std::uint64_t changes) {
     const std::uint64_t start = SISword(handle->header().deviceList);
     const std::vector<std::byte> list = listImage(start, devices);
-    const std::vector<RingEntry> ring = ringOf(*devices);
     const std::uint64_t oldRing = SISword(handle->header().ring);
     const std::uint64_t ringStart = std::max(oldRing, roundUp(start + list.size(), 8));
-    const std::uint64_t ringBytes = ring.size() * sizeof(RingEntry);
-    if (growInfo(handle, ringStart + ringBytes) == -1)
+    const std::uint64_t ringBytes = weightOf(*devices) * sizeof(RingEntry);
+    if (ringStart > MOST_INFO_LENGTH || ringBytes > MOST_INFO_LENGTH - ringStart) {
+        LOG_HERE(0, "%s is damaged: a ring of %lu bytes at %lX\n", handle->infoPath.c_str(), ringBytes, ringStart);
         return -1;
+    }
+    if (growInfo(handle, ringStart + ringBytes) == -1)
+        return SISword(handle->header().ringEntries) != 0 ? 0 : -1;  // a full device must not keep readers out
+    const std::vector<RingEntry> ring = ringOf(*devices);
     std::vector<std::byte> image(handle->map.size() - start);
     std::memcpy(image.data(), list.data(), list.size());
     std::memcpy(image.data() + (ringStart - start), ring.data(), ringBytes);
@@ -156,6 +167,7 @@ bool readDevices(const SIS& handle, std::vector<Device>* devices) {
         if (length == room || !device.directory.ends_with(STORE_DIRECTORY))
             return false;
         std::memcpy(&device.weight, base + at, sizeof device.weight);
+        device.weight = std::clamp<std::uint32_t>(device.weight, 1, MOST_POINTS);  // others are damage
         std::memcpy(&device.flags, base + at + sizeof device.weight, sizeof device.flags);
         devices->push_back(std::move(device));
         at += deviceEntrySize(length);
@@ -163,10 +175,7 @@ bool readDevices(const SIS& handle, std::vector<Device>* devices) {
     return false;
 }
 
-int updateSISmap(SIS* handle) {
-    std::vector<CatalogueDisk> disks;
-    if (listDedupDisks(&disks) == -1)
-        return -1;
+int updateSISmap(SIS* handle, std::span<const CatalogueDisk> disks) {
     if (disks.empty())
         log_message(0, "No D2D devices in database\n");
     std::vector<Device> devices;
@@ -184,14 +193,14 @@ int updateSISmap(SIS* handle) {
     for (auto disk = disks.rbegin(); disk != disks.rend(); ++disk)
         changes += addDisk(*disk, &devices) ? 1 : 0;
     changes += settleDeleted(&devices);
-    std::uint64_t weight = 0;
-    for (const Device& device : devices)
-        weight += device.weight;
-    if (weight < 1) {
+    if (weightOf(devices) < 1) {
         log_message(0, "No devices\n");
         return -1;
     }
-    return storeMap(handle, &devices, changes);
+    if (storeMap(handle, &devices, changes) == -1)
+        return -1;
+    SISword(handle->header().updateTime) = static_cast<std::uint64_t>(time(nullptr));
+    return 0;
 }
 
 std::size_t lookUpRing(const SIS& handle, std::uint64_t fileOffset) {

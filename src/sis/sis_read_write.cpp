@@ -50,17 +50,15 @@ int openAt(SIS* handle, std::uint64_t start) {
     return -1;
 }
 
-// A new file is placed by the devices that there are now, if nobody is at work in the store.
-int updateForNewFile(SIS* handle) {
-    if (lockInfo(handle, LOCK_EX | LOCK_NB) == -1)
-        return 0;
-    int result = refreshMap(handle);
-    if (result == 0)
-        result = updateSISmap(handle);
-    if (result == 0)
-        SISword(handle->header().updateTime) = static_cast<std::uint64_t>(time(nullptr));
+// A new file is placed by the devices that there are now, if nobody is at work in the store. Without the catalogue
+// those known will do.
+void updateForNewFile(SIS* handle) {
+    std::vector<CatalogueDisk> disks;
+    if (listDedupDisks(&disks) == -1 || lockInfo(handle, LOCK_EX | LOCK_NB) == -1)
+        return;
+    if (refreshMap(handle) == 0)
+        (void)updateSISmap(handle, disks);  // logged
     (void)lockInfo(handle, LOCK_UN);
-    return result;
 }
 
 void unlockRange(SIS* handle, std::uint64_t start) {
@@ -74,6 +72,10 @@ void unlockRange(SIS* handle, std::uint64_t start) {
 int takeRange(SIS* handle, std::uint64_t length, std::uint64_t* old) {
     *old = handle->nextFree();
     for (;;) {
+        if (*old % handle->blockSize != 0) {
+            LOG_HERE(0, "%s is damaged: allocation pointer %lX\n", handle->infoPath.c_str(), *old);
+            return -1;
+        }
         Step step{};
         if (!stepFrom(*old, length, handle->limit, &step)) {
             LOG_HERE(0, "No offsets are left: 0x%lX\n", *old);
@@ -84,7 +86,9 @@ int takeRange(SIS* handle, std::uint64_t length, std::uint64_t* old) {
             return -1;
         }
         const bool isNewFile = step.start % handle->limit == 0;
-        if (isNewFile && (updateForNewFile(handle) == -1 || openAt(handle, step.start) == -1)) {
+        if (isNewFile)
+            updateForNewFile(handle);
+        if (isNewFile && openAt(handle, step.start) == -1) {
             unlockRange(handle, step.start);
             return -1;
         }
@@ -207,10 +211,10 @@ ssize_t readSIS(SIS* handle, std::span<std::byte> buffer, std::uint64_t offset) 
     }
     if (length == 0)
         return 0;
-    if (readWindow(handle, buffer.first(length), offset) == 0)
-        return static_cast<ssize_t>(length);
-    log_message(0, "readSIS(, 0x%lX, %zd) faulted\n", offset, static_cast<ssize_t>(length));
-    return -1;
+    const CopyResult result = readWindow(handle, buffer.first(length), offset);
+    if (result == CopyResult::Faulted)
+        log_message(0, "readSIS(, 0x%lX, %zd) faulted\n", offset, static_cast<ssize_t>(length));
+    return result == CopyResult::Done ? static_cast<ssize_t>(length) : -1;
 }
 
 ssize_t writeSIS(SIS* handle, std::span<const std::byte> buffer, std::uint64_t offset) {
@@ -228,10 +232,11 @@ ssize_t writeSIS(SIS* handle, std::span<const std::byte> buffer, std::uint64_t o
         return 0;
     if (claimSpace(handle, length) == -1)
         return -1;
-    if (writeWindow(handle, buffer.first(length), offset) == -1) {
+    const CopyResult result = writeWindow(handle, buffer.first(length), offset);
+    if (result == CopyResult::Faulted)
         log_message(0, "writeSIS(, 0x%lX, %zd) faulted\n", offset, static_cast<ssize_t>(length));
+    if (result != CopyResult::Done)
         return -1;
-    }
     if (flushWindow(handle, offset, length) == -1 || confirmSpace(handle, length) == -1)
         return -1;
     return static_cast<ssize_t>(length);

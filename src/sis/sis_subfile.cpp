@@ -73,17 +73,19 @@ int readAll(SIS* handle, std::span<std::byte> data, std::uint64_t offset) {
     return 0;
 }
 
-int refuseCompressed(std::size_t length, std::uint64_t compressedSize) {
-    log_message(0, "readSIScompressedBlock, invalid arguments, length %zu, compressedSize %ld, \n", length,
-                static_cast<std::int64_t>(compressedSize));
-    return -1;
+// Whether a record's sizes can be true, so that they may be allocated and read.
+bool isPlausible(const SIS* handle, const hashValue& record) {
+    if (record.compressedLength < record.hashedLength && record.hashedLength / BEST_RATIO <= record.compressedLength &&
+        record.compressedLength <= handle->nextFree() - record.SISoffset)
+        return true;
+    log_message(0, "readSIScompressedBlock, invalid arguments, length %zu, compressedSize %ld, \n",
+                static_cast<std::size_t>(record.hashedLength), static_cast<std::int64_t>(record.compressedLength));
+    return false;
 }
 
 // Reads the compressed form of a block and unpacks it into exactly `destination`.
 int readSIScompressedBlock(SIS* handle, std::span<std::byte> destination, std::uint64_t offset,
                            std::uint64_t compressedSize) {
-    if (compressedSize == 0 || compressedSize == destination.size() || compressedSize > handle->nextFree() - offset)
-        return refuseCompressed(destination.size(), compressedSize);
     if (prepareCompressedBuffer(handle, compressedSize) == -1)
         return -1;
     const std::span<std::byte> packed(handle->compressed.bytes.get(), compressedSize);
@@ -115,8 +117,6 @@ int loadSubfile(SIS* handle, const hashValue& record) {
     if (isInBuffer(handle, record))
         return 0;
     handle->subfileLength = 0;
-    if (record.hashedLength / BEST_RATIO > record.compressedLength)
-        return refuseCompressed(record.hashedLength, record.compressedLength);
     if (!handle->subfile.grow(record.hashedLength)) {
         log_message(0, "readSISsubfile, realloc failed, length %lu)\n", record.hashedLength);
         return -1;
@@ -252,6 +252,8 @@ ssize_t readSISsubfile(SIS* handle, std::span<std::byte> buffer, std::uint64_t o
     const std::span<std::byte> wanted = buffer.first(std::min(record.hashedLength - start, buffer.size()));
     if (!isCompressed(record))
         return readSIS(handle, wanted, offset);
+    if (!isPlausible(handle, record))
+        return -1;
     if (wanted.size() == record.hashedLength)
         return readSIScompressedRegion(handle, wanted, record) == 0 ? static_cast<ssize_t>(wanted.size()) : -1;
     if (loadSubfile(handle, record) == -1)

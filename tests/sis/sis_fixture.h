@@ -6,11 +6,11 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "sis/SIS.h"
+#include "support/bytes.h"
 #include "support/catalogue.h"
 #include "support/key_service.h"
 #include "support/root.h"
@@ -21,42 +21,20 @@ inline constexpr std::uint64_t SMALL_FILE = 0x1000000;
 inline constexpr std::uint64_t STORE_BLOCK = 8192;
 inline constexpr std::uint64_t CAPACITY_UNIT = 0x8000000;
 
-inline std::string noise(std::size_t size, std::uint64_t seed) {
-    std::mt19937_64 random(seed);
-    std::string bytes(size + 8, '\0');
-    for (std::size_t at = 0; at < size; at += 8) {
-        const std::uint64_t word = random();
-        std::memcpy(&bytes[at], &word, sizeof word);
-    }
-    bytes.resize(size);
-    return bytes;
-}
-
-inline std::span<const std::byte> bytesOf(const std::string& text) {
-    return std::as_bytes(std::span(text.data(), text.size()));
-}
-inline std::span<std::byte> roomOf(std::string& text) {
-    return std::as_writable_bytes(std::span(text.data(), text.size()));
-}
-
-// Writes or reads all of it; false at the first failure.
+// Writes or reads all of it; false or "failed" at the first failure.
 inline bool writeAt(SIS* sis, const std::string& data, std::uint64_t offset) {
-    for (std::size_t done = 0; done < data.size();) {
-        const ssize_t n = writeSIS(sis, bytesOf(data).subspan(done), offset + done);
-        if (n < 1)
+    ssize_t n = 0;
+    for (std::size_t done = 0; done < data.size(); done += static_cast<std::size_t>(n))
+        if ((n = writeSIS(sis, bytesOf(data).subspan(done), offset + done)) < 1)
             return false;
-        done += static_cast<std::size_t>(n);
-    }
     return true;
 }
 inline std::string readAt(SIS* sis, std::size_t count, std::uint64_t offset) {
     std::string data(count, '\0');
-    for (std::size_t done = 0; done < count;) {
-        const ssize_t n = readSIS(sis, roomOf(data).subspan(done), offset + done);
-        if (n < 1)
+    ssize_t n = 0;
+    for (std::size_t done = 0; done < count; done += static_cast<std::size_t>(n))
+        if ((n = readSIS(sis, roomOf(data).subspan(done), offset + done)) < 1)
             return "failed";
-        done += static_cast<std::size_t>(n);
-    }
     return data;
 }
 
@@ -104,12 +82,15 @@ protected:
         writeFile(info(), file);
     }
 
-    // The one reservation that most tests need, with data in it.
-    std::uint64_t put(SIS* sis, const std::string& data) {
+    // -1, or where a range was reserved; the same with data in it.
+    static std::int64_t reserve(SIS* sis, std::int64_t length) {
         std::uint64_t offset = 0;
-        EXPECT_EQ(reserveSIS(sis, &offset, static_cast<std::int64_t>(data.size())), 0);
-        EXPECT_TRUE(writeAt(sis, data, offset));
-        return offset;
+        return reserveSIS(sis, &offset, length) == 0 ? static_cast<std::int64_t>(offset) : -1;
+    }
+    static std::uint64_t put(SIS* sis, const std::string& data) {
+        const std::int64_t offset = reserve(sis, static_cast<std::int64_t>(data.size()));
+        EXPECT_TRUE(offset != -1 && writeAt(sis, data, static_cast<std::uint64_t>(offset)));
+        return static_cast<std::uint64_t>(offset);
     }
 
     void needKeyService() {

@@ -185,6 +185,7 @@ TEST_F(SISmap, DamageIsRefusedOrMended) {
         {"a list in another place", 48, 80, false},
         {"a list beyond the file", 48, 1ull << 40, false},
         {"a ring beyond the file", 56, 1ull << 40, false},
+        {"a ring that ends beyond all numbers", 56, ~0ull - 15, false},
         {"a length beyond the file", 64, 1u << 20, false},
         {"a length that isn't whole pages", 64, 5000, false},
         {"a directory that is none", 77, 0x2f2f2f2f2f2f2f2f, true},
@@ -206,24 +207,28 @@ TEST_F(SISmap, DamageIsRefusedOrMended) {
         ASSERT_EQ(flock(other.get(), LOCK_UN), 0);
         EXPECT_EQ(openSIS() != nullptr, c.mends);
     }
+    // The weight of a device that the catalogue doesn't set right again.
+    writeFile(info(), sane);
+    addDisk(2, "longer");
+    fs::create_directories(disk("longer") + "/SIS");
+    EXPECT_TRUE(openSIS());
+    catalogue.sql("DELETE FROM dq.devices WHERE device_no = 2");
+    setInInfo<std::uint32_t>(72, 200000);
+    EXPECT_TRUE(openSIS());
+    EXPECT_EQ(inInfo<std::uint32_t>(68), 256u + 1);
 }
 
 TEST_F(SISmap, DevicesAndKeysOfStoreFilesAreFoundByTheirPaths) {
     presetSizes(0x800000000);
-    addDisk(1, "d");
-    addDisk(2, "d/deeper_%");
-    addDisk(3, "dd");
-    const SISPtr sis = openSIS();
-    ASSERT_TRUE(sis);
-    EXPECT_EQ(findDeviceNumber(fileOn("d", 0)), 1);
-    EXPECT_EQ(findDeviceNumber(fileOn("d/deeper_%", 0)), 2);
-    EXPECT_EQ(findDeviceNumber(fileOn("dd", 0)), 3);
+    int number = 0;
+    for (const char* name : {"d", "d/deeper_%", "dd"})
+        addDisk(++number, name);
+    for (const char* name : {"dd", "d/deeper_%", "d"})
+        EXPECT_EQ(findDeviceNumber(fileOn(name, 0)), number--);
     EXPECT_EQ(findDeviceNumber(fileOn("e", 0)), -1);
     EXPECT_EQ(findDeviceNumber(disk("d") + "/backup_1"), -1);
     EXPECT_TRUE(root.logged("Malformed SIS file path - can't find '/SIS/': " + disk("d") + "/backup_1"));
-    EXPECT_EQ(generateSISoffset_smgrKey(sis.get(), 0x7FFFFFFFF), 0x73000000u);
-    EXPECT_EQ(generateSISoffset_smgrKey(sis.get(), 0x1234500000000), 0x73000000u ^ 0x12340u)
-        << "the file's first offset";
+    EXPECT_EQ(generateSISoffset_smgrKey(openSIS().get(), 0x1234500000000), 0x73000000u ^ 0x12340u);
 }
 
 }  // namespace

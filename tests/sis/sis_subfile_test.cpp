@@ -208,12 +208,14 @@ TEST_F(SISsubfile, DamagedBlocksAndRecordsThatLieFail) {
         ASSERT_TRUE(testsupport::writeAt(sis.get(), packed, 0));
     }
     EXPECT_TRUE(read(good) == data);
+    (void)store(noise(300000, 1));  // so that a length beyond the block is one that could be read
     struct Lie {
         std::uint64_t hashedLength, compressedLength, SISoffset;
     };
-    for (const Lie& lie : {Lie{99999, good.compressedLength, 0}, Lie{100001, good.compressedLength, 0},
-                           Lie{100000, good.compressedLength - 1, 0}, Lie{100000, 7, 0}, Lie{100000, ~0ull, 0},
-                           Lie{1ull << 62, good.compressedLength, 0}, Lie{100000, 5000, 1ull << 60}}) {
+    for (const Lie& lie :
+         {Lie{99999, good.compressedLength, 0}, Lie{100001, good.compressedLength, 0},
+          Lie{100000, good.compressedLength - 1, 0}, Lie{100000, 7, 0}, Lie{100000, ~0ull, 0}, Lie{100000, 200000, 0},
+          Lie{1ull << 62, good.compressedLength, 0}, Lie{100000, 5000, 1ull << 60}}) {
         hashValue record = good;
         record.hashedLength = lie.hashedLength;
         record.compressedLength = lie.compressedLength;

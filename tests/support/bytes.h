@@ -1,0 +1,46 @@
+// bytes.h - bytes without a pattern, text as bytes, and waiting for a condition.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <span>
+#include <string>
+#include <thread>
+
+namespace testsupport {
+
+// The same for the same seed.
+inline std::string noise(std::size_t size, std::uint64_t seed) {
+    std::mt19937_64 random(seed);
+    std::string bytes(size + 8, '\0');
+    for (std::size_t at = 0; at < size; at += 8) {
+        const std::uint64_t word = random();
+        std::memcpy(&bytes[at], &word, sizeof word);
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+inline std::span<const std::byte> bytesOf(const std::string& text) {
+    return std::as_bytes(std::span(text.data(), text.size()));
+}
+inline std::span<std::byte> roomOf(std::string& text) {
+    return std::as_writable_bytes(std::span(text.data(), text.size()));
+}
+
+// Whether the condition comes true before a deadline that only a fault reaches.
+template <typename Condition>
+[[nodiscard]] bool comesTrue(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+}  // namespace testsupport
