@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
-#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <limits>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -55,9 +54,12 @@ struct Options {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-void removeQuietly(const std::string& path) {
+// What was made and couldn't be finished goes; a device was there before, and stays.
+void removeRemains(const std::string& path) {
     const int saved = errno;
-    (void)unlink(path.c_str());  // what failed before is what counts
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+        (void)unlink(path.c_str());  // what failed before is what counts
     errno = saved;
 }
 
@@ -73,7 +75,7 @@ void write(const Options& options) {
             got == -1 || (got > 0 && archive_write(filter.get(), buffer.data(), static_cast<std::size_t>(got)) == -1);
         isDone = got < static_cast<int>(buffer.size());
         if (isFailed || (isDone && archive_close(&filter) == -1)) {
-            removeQuietly(options.path);
+            removeRemains(options.path);
             fail(got == -1 ? "standard input" : options.path);
         }
     }
@@ -105,43 +107,21 @@ void show(const char* name, const compression_index& index) {
         printf("%zu %" PRId64 "\n", i, index.entries[i]);
 }
 
-// The last table by itself: a copy of it has no other one in front.
-std::unique_ptr<compression_index> lastTable(int fd) {
-    constexpr std::size_t FRAMES = 64;  // header and trailer
-    constexpr std::size_t TRAILER = 32;
-    char trailer[TRAILER + 1] = {};
-    const off_t size = lseek(fd, 0, SEEK_END);
-    if (size < static_cast<off_t>(FRAMES) || pread(fd, trailer, TRAILER, size - static_cast<off_t>(TRAILER)) != TRAILER)
-        return nullptr;
-    const std::size_t padding = std::string_view(trailer).starts_with("ae9b76") ? 40960 : 65536;
-    const std::size_t whole = std::max<std::size_t>(strtoull(trailer + 7, nullptr, 10), padding + FRAMES);
-    if (whole > static_cast<std::size_t>(size))
-        return nullptr;
-    std::vector<char> table(whole);
-    const FileDescriptor copy(memfd_create("index", MFD_CLOEXEC));
-    const bool isCopied =
-        pread(fd, table.data(), whole, size - static_cast<off_t>(whole)) == static_cast<ssize_t>(whole) &&
-        ::write(copy.get(), table.data(), whole) == static_cast<ssize_t>(whole);
-    std::string error;
-    return isCopied ? LoadCompressionIndex(copy.get(), &error) : nullptr;
-}
-
 void showIndex(const Options& options) {
     const FileDescriptor file(open(options.path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.isOpen())
         fail(options.path);
     std::string error;
-    const auto primary = LoadCompressionIndex(file.get(), &error);
-    if (!primary) {
+    const auto tables = LoadCompressionIndexTables(file.get(), &error);
+    if (tables.empty()) {
         while (error.ends_with('\n'))
             error.pop_back();
         errno = EBADMSG;
         fail(options.path + ": no index: " + error);
     }
-    show("primary", *primary);
-    const auto last = lastTable(file.get());
-    if (last && last->chunkSize != primary->chunkSize)
-        show("secondary", *last);
+    show("primary", *tables.front());
+    if (tables.size() > 1)
+        show("secondary", *tables.back());
     if (fflush(stdout) != 0)
         fail("standard output");
 }

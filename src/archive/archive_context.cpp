@@ -69,7 +69,7 @@ int archive_context_init(archive_filter* filter) {
         const int result = archive_transform_some(filter, 0);
         if (result != 0)
             return result;
-        if (filter->has(ARCH_END_OF_STREAM) && (transform.flags & TRANSFORM_AWAIT_TOKEN) != 0)
+        if (filter->end.stream && (transform.flags & TRANSFORM_AWAIT_TOKEN) != 0)
             return 0;  // there is nothing to read
     }
     filter->set(ARCH_CONTEXT_READY);

@@ -23,6 +23,13 @@ int setBlockSize(archive_filter* filter, std::int64_t size) {
     return -1;
 }
 
+// A file grown ahead of its writes ends where it was written when it is left for another one.
+void leaveFile(archive_filter* filter) {
+    if (filter->mode == 'w' && filter->fd.isOpen() && filter->fd_size != 0)
+        archive_adjust_size(filter, -1);
+    filter->fd.reset();
+}
+
 int reopen(archive_filter* filter, const std::string& path, bool direct) {
     int flags = O_RDONLY | O_CLOEXEC;
     if (filter->mode == 'w')
@@ -30,11 +37,12 @@ int reopen(archive_filter* filter, const std::string& path, bool direct) {
     FileDescriptor file(open(path.c_str(), flags, ARCHIVE_FILE_MODE));
     if (!file.isOpen())
         return -1;
+    leaveFile(filter);
     filter->fd = std::move(file);
     filter->fd_offset = 0;
     filter->fd_size = 0;
     filter->positioner.reset();
-    filter->clearEnd();
+    filter->end = {};
     filter->device.oldest = filter->device.start;  // what lies before is of the former file
     filter->properties &= ~ARCHIVE_DIRECT_IO;
     if (direct) {
@@ -91,13 +99,15 @@ int archive_fcntl(archive_filter* filter, int request, std::int64_t value) {
             filter->set(ARCH_PAD_BLOCKS, value != 0);
             return 0;
         case ARCHIVE_CLOSE_DESCRIPTOR:
-            filter->fd.reset();
+            leaveFile(filter);
             return 0;
         case ARCHIVE_SET_CLOEXEC:
             return fcntl(filter->fd.get(), F_SETFD, FD_CLOEXEC);
         case ARCHIVE_DISCARD:
+            if (value < 0)
+                return archive_fail(EINVAL);
             filter->discardBytes = value;
-            return value < 0 ? archive_fail(EINVAL) : 0;
+            return 0;
         case ARCHIVE_CONTINUE_ON_ERROR:
             filter->continue_on_error = value != 0;
             if (value == 0)

@@ -32,13 +32,13 @@ ssize_t readOnceWithoutDirect(int fd, std::byte* to, std::size_t count) {
     return got;
 }
 
-// Where one physical read starts and where its bytes go.
+// One physical read. Its first `head` bytes lie before the descriptor: they were read before, and are read again
+// because direct I/O begins at whole blocks.
 struct ReadPlan {
-    off_t filePosition;  // of the first byte read
-    std::size_t to;      // its place in the buffer
-    std::size_t total;   // bytes wanted
-    std::size_t known;   // bytes at the front that were read before
-    std::size_t kept;    // bytes in front of `to` that were handed out and stay
+    off_t filePosition;
+    std::size_t to;  // place in the buffer
+    std::size_t total;
+    std::size_t head;
 };
 
 std::size_t wantedSize(archive_filter* filter, std::size_t missing, bool forBuffer) {
@@ -50,49 +50,45 @@ std::size_t wantedSize(archive_filter* filter, std::size_t missing, bool forBuff
     const int mark = filter->readAheadLowWaterMark;
     if (mark < 0 || filter->readCounter > static_cast<unsigned>(mark))
         return filter->device.size;
-    const std::size_t least = std::min(std::max(missing, SHORTEST_READ), filter->device.size);
+    // What is held didn't do: as much again saves reads of long units.
+    const std::size_t least = std::min(std::max({missing, SHORTEST_READ, filter->device.bytes}), filter->device.size);
     return roundUp(least, SHORT_READ_UNIT);
 }
 
-// Handed-out bytes in front of index `end` that are to stay while the rest moves to the front.
-std::size_t bytesToKeep(const archive_filter& filter, std::size_t end) {
+// Handed-out bytes that are to stay in front of what is held.
+std::size_t bytesToKeep(const archive_filter& filter) {
     const ArchiveBuffer& device = filter.device;
-    if (filter.retainedShifts <= 0 || filter.isTransforming() || end < device.oldest)
+    if (filter.retainedShifts <= 0 || filter.isTransforming())
         return 0;
-    const std::size_t most = device.size / 4 / filter.fsBlockSize * filter.fsBlockSize;  // the rest is for what is read
-    return std::min({filter.retainedBytes, end - device.oldest, most});
+    return std::min({filter.retainedBytes, device.start - device.oldest, device.size / 4});  // the rest is for reading
 }
 
-// Puts what the buffer holds, and the descriptor, where the read can go on. With O_DIRECT both the place in the file
-// and the place in memory are multiples of the block.
+// Moves what is held so that reading can go on behind it. With O_DIRECT the block in which the descriptor stands begins
+// at a multiple of the block, in the file and in memory; otherwise a block is a byte. 0 or -1.
 int planRead(archive_filter* filter, std::size_t wanted, ReadPlan* plan) {
     ArchiveBuffer& device = filter->device;
-    std::byte* const data = device.data.get();
-    if (filter->direct()) {
-        const auto block = static_cast<off_t>(filter->fsBlockSize);
-        const off_t unread = filter->fd_offset - static_cast<off_t>(device.bytes);
-        const off_t boundary = unread - unread % block;
-        if (boundary != filter->fd_offset && lseek(filter->fd.get(), boundary, SEEK_SET) == -1) {
-            const KeepErrno keep;
-            LOG_HERE(0, "Failed to seek back %ld, a %zu boundary for O_DIRECT.\n", filter->fd_offset - boundary,
-                     filter->fsBlockSize);
-            return -1;
-        }
-        const auto front = static_cast<std::size_t>(unread - boundary);
-        const std::size_t end = device.start - std::min(front, device.start);
-        const std::size_t kept = bytesToKeep(*filter, end);
-        *plan = {boundary, roundUp(kept, filter->fsBlockSize), 0,
-                 static_cast<std::size_t>(filter->fd_offset - boundary), kept};
-        std::memmove(data + plan->to - kept, data + end - kept, kept);
-        plan->total = roundUp(plan->known + wanted, filter->fsBlockSize);
-    } else {
-        const std::size_t kept = bytesToKeep(*filter, device.start);
-        std::memmove(data, device.begin() - kept, kept + device.bytes);
-        *plan = {filter->fd_offset, kept + device.bytes, wanted, 0, kept};
+    const std::size_t block = filter->direct() ? filter->fsBlockSize : 1;
+    const std::size_t unit = filter->blocksize != 0 ? filter->blocksize : block;
+    const std::size_t head = static_cast<std::size_t>(filter->fd_offset) % block;
+    const auto placeFor = [&](std::size_t held) { return roundUp(held - std::min(held, head), block); };
+    std::size_t kept = bytesToKeep(*filter);
+    if (placeFor(kept + device.bytes) + unit > device.size)
+        kept = 0;
+    const std::size_t held = kept + device.bytes;
+    const std::size_t to = placeFor(held);
+    if (to + unit > device.size && archive_grow_device(filter, std::max(2 * device.size, to + unit)) == -1)
+        return -1;
+    *plan = {filter->fd_offset - static_cast<off_t>(head), to,
+             std::min(roundUp(head + wanted, unit), (device.size - to) / unit * unit), head};
+    if (head != 0 && lseek(filter->fd.get(), plan->filePosition, SEEK_SET) == -1) {
+        const KeepErrno keep;
+        LOG_HERE(0, "Failed to seek back %ld, a %zu boundary for O_DIRECT.\n", static_cast<long>(head), block);
+        return -1;
     }
-    if (filter->blocksize != 0)
-        plan->total = roundUp(plan->total, filter->blocksize);
-    plan->total = std::min(plan->total, device.size - plan->to);
+    const std::size_t end = to + head;
+    std::memmove(device.data.get() + end - held, device.begin() - kept, held);
+    device.oldest = end - held;
+    device.start = end - device.bytes;
     return 0;
 }
 
@@ -101,7 +97,9 @@ int readPhysically(archive_filter* filter, const ReadPlan& plan, std::size_t* go
     const int fd = filter->fd.get();
     std::byte* to = filter->device.data.get() + plan.to;
     const std::size_t unit = filter->blocksize != 0 ? filter->blocksize : plan.total;
-    while (*got < plan.total) {
+    // In blocks nothing but whole ones is asked for, also behind a short one: of a tape the rest of a block is lost.
+    const std::size_t least = filter->blocksize != 0 ? unit : 1;
+    while (plan.total - *got >= least) {
         const std::size_t piece = std::min(unit, plan.total - *got);
         ssize_t count = read(fd, to + *got, piece);
         if (count == -1 && errno == EINTR)
@@ -120,7 +118,7 @@ int readPhysically(archive_filter* filter, const ReadPlan& plan, std::size_t* go
         if (count == 0) {
             LOG_HERE(5, "Short read at EOF after %lld physical bytes\n",
                      static_cast<long long>(plan.filePosition) + static_cast<long long>(*got));
-            filter->set(ARCH_PHYSICAL_EOF);
+            filter->end.physical = true;
             return 0;
         }
         *got += static_cast<std::size_t>(count);
@@ -128,41 +126,23 @@ int readPhysically(archive_filter* filter, const ReadPlan& plan, std::size_t* go
     return 0;
 }
 
-void dropDiscarded(archive_filter* filter) {
-    ArchiveBuffer& device = filter->device;
-    const auto dropped = std::min<std::int64_t>(filter->discardBytes, static_cast<std::int64_t>(device.bytes));
-    if (dropped <= 0)
-        return;
-    filter->discardBytes -= dropped;
-    device.start += static_cast<std::size_t>(dropped);
-    device.bytes -= static_cast<std::size_t>(dropped);
-    device.oldest = device.start;  // no part of the stream
-}
-
-// Makes the bytes that came the buffer's content.
+// Makes the bytes that came the buffer's content, less those of a volume's head that are to be dropped.
 void takeOver(archive_filter* filter, const ReadPlan& plan, std::size_t got) {
     ArchiveBuffer& device = filter->device;
-    const std::size_t front = plan.known > 0 ? plan.known - device.bytes : 0;  // lies before the first unread byte
-    if (got < plan.known) {
+    if (got < plan.head) {
         // The file shrank, or the read failed. The next read must not deliver the bytes before the position again.
-        if (filter->has(ARCH_PHYSICAL_EOF))
+        if (filter->end.physical)
             LOG_HERE(0, "ERROR: O_DIRECT set but could not reset offset to block boundary.\n");
-        filter->fd_offset = plan.filePosition + static_cast<off_t>(front);
         (void)lseek(filter->fd.get(), filter->fd_offset, SEEK_SET);  // it was there a moment ago
-        device.empty();
         return;
     }
     filter->fd_offset = plan.filePosition + static_cast<off_t>(got);
-    if (filter->direct()) {
-        device.oldest = plan.to - plan.kept;
-        device.start = plan.to + front;
-        device.bytes = got - front;
-    } else {
-        device.oldest = 0;
-        device.start = plan.kept;
-        device.bytes += got;
-    }
-    dropDiscarded(filter);
+    const std::size_t fresh = got - plan.head;
+    const auto dropped = std::min(static_cast<std::size_t>(filter->discardBytes), fresh);
+    if (dropped > 0)
+        std::memmove(device.end(), device.end() + dropped, fresh - dropped);
+    filter->discardBytes -= static_cast<std::int64_t>(dropped);
+    device.bytes += fresh - dropped;
 }
 
 }  // namespace

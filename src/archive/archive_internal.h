@@ -60,12 +60,18 @@ struct ArchiveBuffer {
 };
 
 enum ArchiveState : std::uint32_t {
-    ARCH_END_OF_STREAM = 1,   // of the clean stream; a seek clears it
-    ARCH_PHYSICAL_EOF = 2,    // the file is exhausted; a seek clears it
     ARCH_CONTEXT_READY = 4,   // what the file holds is known
     ARCH_STREAM_MODE = 8,     // the file can't be seeked
     ARCH_PAD_BLOCKS = 16,     // the last block written is filled up with zeros
     ARCH_ADJUSTING_SIZE = 32  // the file is grown ahead of the writes
+};
+
+// What says that nothing more comes. None of it is final: a seek, or another file, clears all of it.
+struct EndMarks {
+    bool stream = false;    // of the clean stream
+    bool physical = false;  // the file is exhausted
+    bool past = false;      // a seek went behind the index: nothing to read until the next one
+    bool damaged = false;   // the data stopped in the middle of a unit
 };
 
 enum class LazySeek { none, pending, flushing };
@@ -82,6 +88,7 @@ struct archive_filter {
     std::unique_ptr<compression_index> positioner;  // loaded by the first seek that needs it
     std::unique_ptr<RedupReader> redup;             // of a deduplicated filter, which has no file of its own
     std::uint32_t state = 0;                        // ArchiveState
+    EndMarks end;
 
     off_t virt_offset = 0;             // position in the clean stream; below 0 inside the token after a seek
     off_t fd_offset = 0;               // position of the descriptor
@@ -103,8 +110,6 @@ struct archive_filter {
     int retainedShifts = 0;  // coming reads over which `retainedBytes` of what was handed out stay in memory
     std::size_t retainedBytes = 0;
     bool lastSeekOutOfBuffer = false;
-    bool isPastEnd = false;     // a seek went behind the index: nothing to read until the next one
-    bool isDamagedEnd = false;  // the data stopped in the middle of a unit
 
     bool continue_on_error = false;
     bool writeFailed = false;   // by the device; the bytes are kept, and archive_rewrite may try again
@@ -125,7 +130,6 @@ struct archive_filter {
     }
     [[nodiscard]] bool isCompressed() const { return (transform.flags & TRANSFORM_DECOMPRESS) != 0; }
     [[nodiscard]] bool isEncrypted() const { return (transform.flags & TRANSFORM_DECRYPT) != 0; }
-    void clearEnd() { state &= ~static_cast<std::uint32_t>(ARCH_END_OF_STREAM | ARCH_PHYSICAL_EOF); }
 };
 
 [[nodiscard]] constexpr std::size_t roundUp(std::size_t size, std::size_t unit) {
@@ -138,10 +142,14 @@ struct archive_filter {
     return -1;
 }
 
-// --- archiverw.cpp ---
+// --- archive_read.cpp ---
 
 // Where readers are served from: the user buffer if the file's bytes must be transformed, else the device buffer.
 [[nodiscard]] ArchiveBuffer* archive_clean_buffer(archive_filter* filter);
+
+// Reads `count` bytes, or skips them without a buffer, whatever seek waits. `*taken` tells how many also when it fails;
+// fewer are the end of the stream. 0, or -1: also for none, where the data ends in the middle of a unit.
+[[nodiscard]] int archive_read_stream(archive_filter* filter, std::byte* buffer, std::size_t count, std::size_t* taken);
 
 // --- archive_device.cpp: the file's side when reading ---
 
@@ -153,9 +161,10 @@ void archive_enable_direct(archive_filter* filter);
 [[nodiscard]] int archive_grow_device(archive_filter* filter, std::size_t size);
 [[nodiscard]] int archive_grow_buffer(ArchiveBuffer* buffer, std::size_t size, std::size_t behind);
 
-// One physical read behind what the device buffer holds (at most a few bytes, else it is empty). `missing` is what the
-// caller of the filter still wants, `forBuffer` whether it wants to see it. Returns 0 with more data, fewer than hoped
-// for, or none; the end of the file shows in ARCH_PHYSICAL_EOF alone. -1 on failure.
+// One physical read behind what the device buffer holds, which grows if a unit of reading doesn't fit there. `missing`
+// is what the caller of the filter still wants, `forBuffer` whether it wants to see it. Returns 0 with more data, fewer
+// than hoped for, or none; the end of the file shows in end.physical alone. -1 on failure: nothing that was held is
+// lost.
 [[nodiscard]] int archive_fill_device(archive_filter* filter, std::size_t missing, bool forBuffer);
 
 // --- archive_context.cpp: what a file holds ---
@@ -169,7 +178,7 @@ void archive_enable_direct(archive_filter* filter);
 // 0 with progress or the end of the stream, 1 if the device buffer holds too little, -1 failed.
 [[nodiscard]] int archive_transform_some(archive_filter* filter, std::size_t skip);
 
-// No more data will come: hands out what is left, and sets ARCH_END_OF_STREAM. 0 or -1.
+// No more data will come: hands out what is left, and sets end.stream. 0 or -1.
 [[nodiscard]] int archive_transform_end(archive_filter* filter);
 
 // Forgets what was transformed: the next bytes of the device buffer are another place of the stream.

@@ -25,8 +25,7 @@ off_t failSeek(int error) {
 void arriveAt(archive_filter* filter, off_t target) {
     archive_transform_restart(filter);
     filter->virt_offset = target;
-    filter->isPastEnd = false;
-    filter->clearEnd();
+    filter->end = {};
 }
 
 // Within the device buffer, `skip` from its next byte. Nothing is read.
@@ -52,10 +51,10 @@ int moveDescriptor(archive_filter* filter, off_t physical, off_t skip) {
 
 // The first seek reads the start of the file: its kind decides how positions are found. 0 or -1.
 int learnContext(archive_filter* filter, off_t skip) {
-    const ssize_t got = archive_read(filter, nullptr, static_cast<std::size_t>(std::min(skip, CONTEXT_READ)));
-    if (got == -1) {
+    std::size_t got = 0;
+    if (archive_read_stream(filter, nullptr, static_cast<std::size_t>(std::min(skip, CONTEXT_READ)), &got) == -1) {
         const KeepErrno keep;
-        LOG_HERE(0, "Failed to read to requested seek offset, %d\n", static_cast<int>(got));
+        LOG_HERE(0, "Failed to read to requested seek offset, %d\n", -1);
         return -1;
     }
     if (!filter->has(ARCH_CONTEXT_READY))
@@ -70,12 +69,13 @@ off_t readUpTo(archive_filter* filter, off_t target) {
         LOG_HERE(0, "Failed to seek: Internal error: negative read offset (%lld)\n", static_cast<long long>(missing));
         return failSeek(EBADMSG);
     }
-    if (missing > 0 && archive_read(filter, nullptr, static_cast<std::size_t>(missing)) == -1) {
+    std::size_t got = 0;
+    if (archive_read_stream(filter, nullptr, static_cast<std::size_t>(missing), &got) == -1) {
         const KeepErrno keep;
         LOG_HERE(0, "Failed to read to requested seek offset\n");
         return -1;
     }
-    return filter->virt_offset;
+    return filter->virt_offset < 0 ? failSeek(EBADMSG) : filter->virt_offset;  // below 0 the token was cut
 }
 
 // A reader that steps back a little is likely to do so again.
@@ -100,16 +100,13 @@ off_t seekUncompressed(archive_filter* filter, off_t target) {
     return aligned == target ? target : readUpTo(filter, target);
 }
 
-// The index lies at the end of the file; the descriptor returns from there also if it has none.
+// The descriptor stays where it is.
 int loadIndex(archive_filter* filter) {
     if (filter->positioner)
         return 0;
     std::string error;
     auto index = LoadCompressionIndex(filter->fd.get(), &error);
-    if (lseek(filter->fd.get(), filter->fd_offset, SEEK_SET) == -1)
-        return -1;
     const bool isUsable = index && index->count() > 0 && index->chunkSize > 0 &&
-                          index->chunkSize <= DQ_SECONDARY_CHUNK &&
                           (!filter->isEncrypted() || index->chunkSize % CDLIB_BLOCK_SIZE == 0) &&
                           std::ranges::is_sorted(index->entries) && index->entries.front() >= 0;
     if (!isUsable) {
@@ -129,15 +126,14 @@ off_t seekPastEnd(archive_filter* filter, off_t target) {
     filter->device.empty();
     arriveAt(filter, end - static_cast<off_t>(filter->encr_extra_bytes));
     filter->fd_offset = end;
-    filter->isPastEnd = true;
-    filter->set(ARCH_PHYSICAL_EOF);
+    filter->end.past = filter->end.physical = true;
     return filter->virt_offset;
 }
 
 // To the start of a compressed stream at `physical`.
 int jump(archive_filter* filter, off_t physical, off_t skip) {
     const off_t deviceAt = filter->fd_offset - static_cast<off_t>(filter->device.bytes);
-    const bool isInDevice = !filter->isPastEnd && filter->device.bytes > 0 && physical < filter->fd_offset;
+    const bool isInDevice = filter->device.bytes > 0 && physical < filter->fd_offset;
     return isInDevice && moveInDevice(filter, physical - deviceAt) ? 0 : moveDescriptor(filter, physical, skip);
 }
 
@@ -155,7 +151,7 @@ off_t seekCompressed(archive_filter* filter, off_t target) {
         if (wanted >= static_cast<off_t>(index.count()))
             return seekPastEnd(filter, target);
         const bool isInChunk = extra + filter->virt_offset >= 0 && (extra + filter->virt_offset) / chunk == wanted;
-        if (!filter->isPastEnd && skip > 0 && (isInChunk || skip < SHORT_SKIP))
+        if (!filter->end.past && skip > 0 && (isInChunk || skip < SHORT_SKIP))
             return readUpTo(filter, target);
         chunkStart = wanted * chunk;
         physical = wanted == 0 ? 0 : index.entries[static_cast<std::size_t>(wanted)];
@@ -191,8 +187,8 @@ off_t archive_seek_reading(archive_filter* filter, off_t target) {
         return target;
     retainFor(filter, skip);
     ArchiveBuffer* const clean = archive_clean_buffer(filter);
-    if (!filter->isPastEnd && clean->holds(skip)) {
-        filter->clearEnd();
+    if (!filter->end.past && clean->holds(skip)) {
+        filter->end = {};
         clean->move(skip);
         filter->virt_offset = target;
         return target;
@@ -215,7 +211,8 @@ off_t archive_seek(archive_filter* filter, off_t offset, int whence) {
         LOG_HERE(0, "archive_seek(,%lld,SEEK_END) is unsupported\n", static_cast<long long>(offset));
     if (whence != SEEK_SET && whence != SEEK_CUR)
         return failSeek(EINVAL);
-    const off_t position = filter->redup ? filter->redup->offset() : filter->virt_offset;
+    // Inside the token, where a seek failed, the stream hasn't begun.
+    const off_t position = filter->redup ? filter->redup->offset() : std::max<off_t>(filter->virt_offset, 0);
     const off_t present = filter->cheatSeek0 == 1 ? 0 : position;
     off_t target = offset;
     if (whence == SEEK_CUR && __builtin_add_overflow(present, offset, &target))

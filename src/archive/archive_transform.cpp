@@ -116,7 +116,7 @@ int decompressSome(archive_filter* filter, std::size_t skip) {
     for (std::size_t least = LEAST_ROOM;;) {
         if (makeRoom(filter, least) == -1)
             return -1;
-        const bool atEnd = piece == all && filter->has(ARCH_PHYSICAL_EOF);
+        const bool atEnd = piece == all && filter->end.physical;
         std::size_t consumed = 0;
         std::size_t produced = 0;
         const int result = transform_decompress(&filter->transform, filter->device.content().first(piece), atEnd,
@@ -181,21 +181,21 @@ int archive_transform_end(archive_filter* filter) {
     const bool isTokenCut = (filter->transform.flags & TRANSFORM_AWAIT_TOKEN) != 0 && filter->rawBytes != 0;
     if (filter->isEncrypted() && !isTokenCut && publish(filter, 0, CRYPT_UNIT) == -1)
         return -1;
-    filter->isDamagedEnd = isCut || isTokenCut || filter->rawBytes != 0;
-    if (filter->isDamagedEnd)
+    filter->end.damaged = isCut || isTokenCut || filter->rawBytes != 0;
+    if (filter->end.damaged)
         LOG_HERE(0, "The data ends in the middle of a %s, after %lld physical bytes: the file is cut\n",
                  isTokenCut                        ? "token"
                  : isCut && filter->isCompressed() ? "compressed block"
                                                    : "unit",
                  static_cast<long long>(filter->fd_offset));
-    filter->set(ARCH_END_OF_STREAM);
+    filter->end.stream = true;
     return 0;
 }
 
 void archive_transform_restart(archive_filter* filter) {
     filter->user.empty();
     filter->rawBytes = 0;
-    filter->isDamagedEnd = false;
+    filter->transform.hasFailed = false;
     if (filter->isCompressed())
         transform_restart(&filter->transform);
 }

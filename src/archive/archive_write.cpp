@@ -118,6 +118,7 @@ int archive_lazy_write_seek(archive_filter* filter) {
     if (filter->lazySeek != LazySeek::pending)
         return 0;
     if (filter->seek_virt_offset < filter->virt_offset) {
+        filter->writeFailed = false;  // wrong use, which no second try can help
         LOG_HERE(0, "Can't seek backwards for writes\n");
         return archive_fail(EINVAL);
     }
@@ -200,12 +201,9 @@ int finishIndex(archive_filter* filter) {
 ssize_t archive_write(archive_filter* filter, const void* data, std::size_t count) {
     if (filter == nullptr || count > SSIZE_MAX)
         return archive_fail(EINVAL);
-    if (filter->redup) {
-        LOG_HERE(0, "Can't write deduplicated file\n");
-        return archive_fail(EINVAL);
-    }
-    if (filter->mode != 'w') {
-        LOG_HERE(0, "File open only for reading, can't write\n");
+    if (filter->mode != 'w' || filter->redup) {
+        LOG_HERE(0, "%s\n",
+                 filter->mode != 'w' ? "File open only for reading, can't write" : "Can't write deduplicated file");
         return archive_fail(EINVAL);
     }
     if (count == 0)
@@ -225,7 +223,7 @@ off_t archive_seek_writing(archive_filter* filter, off_t offset, int whence) {
     const off_t from = std::max(filter->seek_virt_offset, filter->virt_offset);
     off_t target = 0;
     constexpr off_t ROOM_FOR_TOKEN = off_t{1} << 32;
-    if (__builtin_add_overflow(from, offset, &target) || target > LONG_MAX - ROOM_FOR_TOKEN)
+    if (__builtin_add_overflow(from, offset, &target) || target < 0 || target > LONG_MAX - ROOM_FOR_TOKEN)
         return archive_fail(EINVAL);
     filter->set(ARCH_ADJUSTING_SIZE, !filter->has(ARCH_STREAM_MODE));
     filter->lazySeek = LazySeek::pending;

@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "archive/archive_internal.h"
 #include "config/directories.h"
@@ -24,8 +22,6 @@ constexpr int DECOMPRESS_BLOCK_SIZE = 65536;
 constexpr int DECOMPRESSED_BLOCK_SIZE = 262144;
 constexpr int LOW_WATER_MARK = 3;
 constexpr std::size_t RETAINED_BYTES = 8192;
-constexpr std::size_t LEAST_TRANSFORM = 512;  // a skip of as much needs no bytes that make sense
-constexpr std::size_t LARGEST_DEVICE_GROWTH = 4 * TRANSFORM_LARGEST_BLOCK;
 
 RedupOpener redupOpener = nullptr;  // written by archive_register_redup, before threads
 
@@ -93,95 +89,7 @@ int openRedup(archive_filter* filter, const char* path, const char* mode) {
     return filter->redup ? 0 : -1;
 }
 
-// More of the file behind what the device buffer holds, which may be a part of a long block. 0 or -1.
-int fill(archive_filter* filter, std::size_t missing, bool forBuffer) {
-    ArchiveBuffer& device = filter->device;
-    // With O_DIRECT the first block may be read again for its last bytes.
-    const std::size_t used = device.bytes + (filter->direct() && device.bytes > 0 ? filter->fsBlockSize : 0);
-    if (used >= device.size && archive_grow_device(filter, 2 * device.size) == -1)
-        return -1;
-    return archive_fill_device(filter, missing, forBuffer);
-}
-
-// The end of the file has come, and too little is left to go on. 0 or -1.
-int endOfFile(archive_filter* filter) {
-    if (filter->isTransforming())
-        return archive_transform_end(filter);
-    filter->set(ARCH_END_OF_STREAM);
-    return 0;
-}
-
-// Moves some bytes on their way from the file to the caller. 0, or 1 if the device buffer holds too little.
-int step(archive_filter* filter, std::size_t missing, bool forBuffer) {
-    if (!filter->has(ARCH_CONTEXT_READY))
-        return filter->device.bytes == 0 && !filter->has(ARCH_PHYSICAL_EOF) ? 1 : archive_context_init(filter);
-    if (!filter->isTransforming())
-        return filter->device.bytes == 0 ? 1 : 0;
-    if (filter->device.bytes == 0 && !filter->transform.isPending && !filter->has(ARCH_PHYSICAL_EOF))
-        return 1;
-    return archive_transform_some(filter, forBuffer || missing < LEAST_TRANSFORM ? 0 : missing);
-}
-
-// Makes sure that there are clean bytes, or that ARCH_END_OF_STREAM is set. 0 or -1.
-int provide(archive_filter* filter, std::size_t missing, bool forBuffer) {
-    while (!filter->has(ARCH_END_OF_STREAM)) {
-        const int result = step(filter, missing, forBuffer);
-        if (result == -1)
-            return -1;
-        if (result == 0 && filter->has(ARCH_CONTEXT_READY) && archive_clean_buffer(filter)->bytes > 0)
-            return 0;
-        if (result == 0)
-            continue;
-        if (filter->has(ARCH_PHYSICAL_EOF) || filter->device.bytes > LARGEST_DEVICE_GROWTH) {
-            if (endOfFile(filter) == -1)
-                return -1;
-        } else if (fill(filter, missing, forBuffer) == -1) {
-            return -1;
-        }
-    }
-    return 0;
-}
-
-// What a read that came to the end gives: the bytes before it, then 0, or a failure if it came too early.
-ssize_t atEnd(archive_filter* filter, std::size_t taken) {
-    if (taken > 0) {
-        LOG_HERE(5, "EOF at virtual offset %lld (%lld physical) indicated by transform state\n",
-                 static_cast<long long>(filter->virt_offset), static_cast<long long>(filter->fd_offset));
-        return static_cast<ssize_t>(taken);
-    }
-    // Not final: a caller may seek, or the file may have grown by the next call.
-    filter->clearEnd();
-    return std::exchange(filter->isDamagedEnd, false) ? archive_fail(EBADMSG) : 0;
-}
-
-ssize_t readStream(archive_filter* filter, std::byte* buffer, std::size_t count) {
-    std::size_t taken = 0;
-    while (taken < count) {
-        ArchiveBuffer* clean = archive_clean_buffer(filter);
-        if (clean->bytes == 0 || !filter->has(ARCH_CONTEXT_READY)) {
-            if (provide(filter, count - taken, buffer != nullptr) == -1)
-                return -1;
-            clean = archive_clean_buffer(filter);
-            if (clean->bytes == 0 || !filter->has(ARCH_CONTEXT_READY))
-                return atEnd(filter, taken);
-        }
-        const std::size_t piece = std::min(count - taken, clean->bytes);
-        if (buffer != nullptr)
-            std::memcpy(buffer + taken, clean->begin(), piece);
-        clean->take(piece);
-        filter->virt_offset += static_cast<off_t>(piece);
-        taken += piece;
-        if (buffer == nullptr && count >= LEAST_TRANSFORM && filter->isEncrypted())
-            clean->oldest = clean->start;  // it may not have been decrypted
-    }
-    return static_cast<ssize_t>(taken);
-}
-
 }  // namespace
-
-ArchiveBuffer* archive_clean_buffer(archive_filter* filter) {
-    return filter->isTransforming() ? &filter->user : &filter->device;
-}
 
 void archive_register_redup(RedupOpener opener) {
     redupOpener = opener;
@@ -206,33 +114,6 @@ ArchiveFilterPtr archive_open(const char* path, const char* mode, std::uint64_t 
         filter.reset();
     }
     return filter;
-}
-
-ssize_t archive_read(archive_filter* filter, void* buffer, std::size_t count) {
-    if (filter == nullptr || count > SSIZE_MAX)
-        return archive_fail(EINVAL);
-    if (filter->mode != 'r') {
-        LOG_HERE(0, "File open only for writing, can't read\n");
-        return archive_fail(EINVAL);
-    }
-    if (count == 0)
-        return 0;
-    if (filter->cheatSeek0 == 1) {
-        filter->cheatSeek0 = 0;
-        if (filter->redup ? filter->redup->seek(0, SEEK_SET) == -1
-                          : filter->virt_offset != 0 && archive_seek_reading(filter, 0) == -1)
-            return -1;
-    }
-    if (filter->redup)
-        return filter->redup->read(buffer, count);
-    if (filter->isPastEnd)
-        return 0;
-    if (buffer != nullptr && filter->readCounter != UINT_MAX)
-        ++filter->readCounter;
-    const ssize_t result = readStream(filter, static_cast<std::byte*>(buffer), count);
-    if (filter->retainedShifts > 0)
-        --filter->retainedShifts;
-    return result;
 }
 
 void ArchiveFilterDeleter::operator()(archive_filter* filter) const noexcept {

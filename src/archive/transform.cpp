@@ -18,7 +18,7 @@ constexpr unsigned KINDS = TRANSFORM_COMPRESS | TRANSFORM_DECOMPRESS | TRANSFORM
 constexpr unsigned WRITING = TRANSFORM_COMPRESS | TRANSFORM_ENCRYPT;
 constexpr unsigned READING = TRANSFORM_DECOMPRESS | TRANSFORM_DECRYPT;
 constexpr std::size_t ENGINE_NAME_LIMIT = 32;  // with the NUL
-constexpr int LARGEST_BLOCK_KB = 10240;
+constexpr std::size_t LARGEST_BLOCK = 10485760;
 constexpr int DEFAULT_BLOCK_KB = 64;
 constexpr std::size_t KILO = 1024;
 
@@ -39,7 +39,20 @@ std::string describe(unsigned flags) {
 
 std::size_t configuredKilobytes(const char* key, int defaultSize) {
     const int size = ini_get_int(CONFIG_SECTION, key, defaultSize, g_master_ini);
-    return static_cast<std::size_t>(size < 0 || size > LARGEST_BLOCK_KB ? defaultSize : size) * KILO;
+    return static_cast<std::size_t>(size < 0 ? defaultSize : size) * KILO;
+}
+
+int failUnlessCreated(const Transform& transform) {
+    switch (transform.compression._error) {
+        case DQ_SUCCESS:
+            return 0;
+        case DQ_NO_MEMORY:
+            return archive_fail(ENOMEM);
+        case DQ_FILE_ERROR:
+            return archive_fail(ENODEV);
+        default:
+            return archive_fail(EBADMSG);
+    }
 }
 
 int prepareCompressor(Transform* transform) {
@@ -52,12 +65,12 @@ int prepareCompressor(Transform* transform) {
     }
     DqCompressionOptions options;
     options.level = ini_get_int(CONFIG_SECTION, "CompressionLevel", 1, g_master_ini);
-    options.blockOctets = configuredKilobytes("CompressionBlockKB", DEFAULT_BLOCK_KB);
+    options.blockOctets = std::min(configuredKilobytes("CompressionBlockKB", DEFAULT_BLOCK_KB), LARGEST_BLOCK);
     options.segmentOctets = configuredKilobytes("CompressionSegmentKB", 0);
-    options.inputOctets =
-        std::max({options.blockOctets, options.segmentOctets, DQ_DEFAULT_SEGMENT});  // a block, whichever it will be
+    options.inputOctets = std::max(
+        {options.blockOctets, std::min(options.segmentOctets, LARGEST_BLOCK), DQ_DEFAULT_SEGMENT});  // any block
     transform->compression = CreateDqCompressionState(DQ_COMPRESS, engine, options);
-    return transform->compression._error == DQ_SUCCESS ? 0 : archive_fail(EBADMSG);
+    return failUnlessCreated(*transform);
 }
 
 int prepareDecompressor(Transform* transform) {
@@ -65,8 +78,8 @@ int prepareDecompressor(Transform* transform) {
     DqCompressionOptions options;
     options.blockOctets = DQ_DEFAULT_BLOCK;
     transform->compression = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
-    if (transform->compression._error != DQ_SUCCESS)
-        return archive_fail(EBADMSG);
+    if (failUnlessCreated(*transform) == -1)
+        return -1;
     auto stream = std::make_unique<z_stream>();
     const int result = inflateInit2(stream.get(), ANY_WRAPPER);
     if (result != Z_OK)
@@ -144,6 +157,8 @@ int transform_take_token(Transform* transform, std::span<const std::byte> data, 
 int transform_cipher(Transform* transform, int op, const std::byte* input, std::byte* output, std::size_t count) {
     if (count == 0)
         return 0;
+    if (transform->hasFailed)
+        return archive_fail(EBADMSG);
     CryptContext& crypt = transform->crypt;
     crypt.nextDataInPtr = input;
     crypt.dataInBytes = count;
@@ -152,6 +167,7 @@ int transform_cipher(Transform* transform, int op, const std::byte* input, std::
     CDlibResult result{};
     if (CDlibCrypt(op, &crypt, &result) == 0 && crypt.dataInBytes == 0)
         return 0;
+    transform->hasFailed = true;
     const bool encrypts = op == CDLIB_ENCRYPT;
     LOG_HERE(0, "Failed to %s data", encrypts ? "encrypt" : "decrypt");
     LOG_HERE(0, "%d bytes remain in %s buffer\n", static_cast<int>(crypt.dataInBytes),

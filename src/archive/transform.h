@@ -45,6 +45,7 @@ struct Transform {
     unsigned flags = 0;
     int type = COMPRESSION_UNKNOWN;
     bool isPending = false;      // a decoder holds output that it had no room for
+    bool hasFailed = false;      // nothing goes through it before it is restarted
     bool isTypeChecked = false;  // the present stream's first bytes were seen to be those of its type
     std::unique_ptr<z_stream, InflateReleaser> inflater;  // zlib refuses a stream that was moved
     DqCompressionState compression;

@@ -66,7 +66,8 @@ int startStream(Transform* transform, const Step& step) {
         LOG_HERE(5,
                  "Not enough data in transform buffer to check compression type.\nContinuing with previous type: %d\n",
                  transform->type);
-        if (transform->type == COMPRESSION_LZ4)
+        constexpr std::byte GZIP_START{0x1f};
+        if (transform->type == COMPRESSION_LZ4 || step.input.front() != GZIP_START)
             return endOfCompression(transform);
         beginStream(transform, transform->type);
         return TRANSFORM_PROGRESS;
@@ -185,6 +186,8 @@ int lz4Step(Transform* transform, Step* step) {
 int transform_decompress(Transform* transform, std::span<const std::byte> input, bool atEnd, std::span<std::byte> room,
                          std::size_t* consumed, std::size_t* produced) {
     *consumed = *produced = 0;
+    if (transform->hasFailed)
+        return archive_fail(EBADMSG);
     for (;;) {
         Step step{input.subspan(*consumed), room.subspan(*produced), atEnd};
         int result = TRANSFORM_PROGRESS;
@@ -194,8 +197,11 @@ int transform_decompress(Transform* transform, std::span<const std::byte> input,
             result = inflateStep(transform, &step);
         else
             result = lz4Step(transform, &step);
-        if (result == -1)
-            return -1;
+        if (result == -1) {
+            // The steps before it are good; the next call tells.
+            transform->hasFailed = true;
+            return *produced != 0 ? TRANSFORM_PROGRESS : -1;
+        }
         *consumed += step.consumed;
         *produced += step.produced;
         if ((transform->flags & TRANSFORM_NOT_COMPRESSED) != 0)

@@ -159,8 +159,11 @@ struct compression_index {
 };
 
 // Loads the index from the end of the file; of two tables the finer one. Null with the reason in *error. The
-// descriptor's position is undefined afterwards; O_DIRECT is off meanwhile and set back.
+// descriptor's position stays; O_DIRECT is off meanwhile and set back.
 [[nodiscard]] std::unique_ptr<compression_index> LoadCompressionIndex(int fd, std::string* error);
+
+// All tables, the finer one first, as far as they are good: for who shows them.
+[[nodiscard]] std::vector<std::unique_ptr<compression_index>> LoadCompressionIndexTables(int fd, std::string* error);
 
 // lseek to the start of the chunk that holds `offset`. The new position, or -1 with ERANGE or EINVAL.
 [[nodiscard]] off_t SeekToCompressedOffset(int fd, const compression_index* index, off_t offset);

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -198,39 +199,59 @@ std::unique_ptr<compression_index> readEntries(int fd, const Table& table, std::
     return index;
 }
 
-// Of two tables the one in front, whose chunks are finer. An older writer made only one.
-bool findTable(int fd, Table* table, std::string* error) {
-    const off_t end = lseek(fd, 0, SEEK_END);
-    if (end == -1) {
+// The tables, the one in front first: its chunks are finer. An older writer made only one.
+bool findTables(int fd, std::vector<Table>* tables, std::string* error) {
+    struct stat st;
+    if (fstat(fd, &st) == -1) {
         *error = "failed to seek to end of backup file";
         return false;
     }
-    if (!SeekToPriorIndex(fd, end, table, error))
+    Table last;
+    if (!SeekToPriorIndex(fd, st.st_size, &last, error))
         return false;
     Table prior;
     std::string reason;
-    if (SeekToPriorIndex(fd, table->header, &prior, &reason))
-        *table = prior;
+    if (SeekToPriorIndex(fd, last.header, &prior, &reason))
+        tables->push_back(prior);
     else
         LOG_HERE(4, "No secondary index found: %s\n", reason.c_str());
+    tables->push_back(last);
     return true;
+}
+
+// Up to `most` of them. Fewer or none with the reason in *error.
+std::vector<std::unique_ptr<compression_index>> loadTables(int fd, std::size_t most, std::string* error) {
+    const WithoutDirect plain(fd);
+    std::vector<std::unique_ptr<compression_index>> loaded;
+    try {
+        std::vector<Table> tables;
+        if (findTables(fd, &tables, error))
+            for (std::size_t i = 0; i < std::min(most, tables.size()); ++i) {
+                loaded.push_back(readEntries(fd, tables[i], error));
+                if (!loaded.back()) {
+                    loaded.pop_back();
+                    break;
+                }
+            }
+    } catch (const std::bad_alloc&) {
+        *error = "no memory for the index";
+    }
+    if (!error->empty())
+        LOG_HERE(0, "failed to read index: %s\n", error->c_str());
+    return loaded;
 }
 
 }  // namespace
 
 std::unique_ptr<compression_index> LoadCompressionIndex(int fd, std::string* error) {
-    const WithoutDirect plain(fd);
-    Table table;
-    std::unique_ptr<compression_index> index;
-    try {
-        if (findTable(fd, &table, error))
-            index = readEntries(fd, table, error);
-    } catch (const std::bad_alloc&) {
-        *error = formatString("no memory for an index of %lu bytes", table.entriesSize);
-    }
-    if (!index)
-        LOG_HERE(0, "failed to read index: %s\n", error->c_str());
-    return index;
+    error->clear();
+    auto tables = loadTables(fd, 1, error);
+    return tables.empty() ? nullptr : std::move(tables.front());
+}
+
+std::vector<std::unique_ptr<compression_index>> LoadCompressionIndexTables(int fd, std::string* error) {
+    error->clear();
+    return loadTables(fd, SIZE_MAX, error);
 }
 
 off_t SeekToCompressedOffset(int fd, const compression_index* index, off_t offset) {

@@ -70,8 +70,9 @@ std::uint64_t dqIndexChecksum(std::span<const std::int64_t> entries, std::size_t
     std::uint64_t sum = 0;
     for (std::size_t i = 0; i < entries.size();) {
         uLong crc = crc32(0, nullptr, 0);
-        for (std::size_t n = 0; n < GROUP && i < entries.size(); n++, i += stride)
-            crc = crc32(crc, reinterpret_cast<const Bytef*>(&entries[i]), sizeof entries[i]);
+        const std::size_t run = stride == 1 ? std::min(GROUP, entries.size() - i) : 1;
+        for (std::size_t n = 0; n < GROUP && i < entries.size(); n += run, i += run * stride)
+            crc = crc32(crc, reinterpret_cast<const Bytef*>(&entries[i]), static_cast<uInt>(run * sizeof entries[i]));
         sum += crc;
     }
     return sum;
