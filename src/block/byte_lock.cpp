@@ -8,7 +8,6 @@
 #include <filesystem>
 
 #include "base/paths.h"
-#include "block/signal_catch.h"
 #include "log/logger.h"
 
 namespace {
@@ -52,21 +51,10 @@ int ByteLockFile::open() {
     return 0;
 }
 
-// Takes or waits for the record lock. The caller must not hold the mutex: the other process may be waiting for this
-// one.
-int ByteLockFile::obtainRecordLock(int fd, const std::string& path, short type, off_t byte, bool wait) const {
-    if (setRecordLock(fd, F_SETLK, type, byte) == 0)
-        return 0;
-    if (errno != EAGAIN && errno != EACCES) {
-        log_message(0, "%s: fcntl(%s, F_SETLK): %s\n", locker_, path.c_str(), std::strerror(errno));
-        return -1;
-    }
-    if (!wait) {
-        errno = EAGAIN;
-        return -1;
-    }
+// The caller must not hold the mutex: the other process may be waiting for this one.
+int ByteLockFile::waitForRecordLock(int fd, const std::string& path, short type, off_t byte, SignalLayer layer) const {
     while (setRecordLock(fd, F_SETLKW, type, byte) == -1) {
-        if (errno == EINTR && !signalWaiting(SignalLayer::hashes))
+        if (errno == EINTR && !signalWaiting(layer))
             continue;
         log_message(0, "%s: fcntl(%s, F_SETLKW): %s\n", locker_, path.c_str(), std::strerror(errno));
         return -1;
@@ -74,22 +62,59 @@ int ByteLockFile::obtainRecordLock(int fd, const std::string& path, short type, 
     return 0;
 }
 
-// Waits until no other holder of this process stands in the way. Returns the byte's state; null if a signal came, or if
-// there is someone and the caller doesn't want to wait.
-ByteLockFile::ByteState* ByteLockFile::waitForByte(std::unique_lock<std::mutex>* guard, const Holding& own, off_t byte,
-                                                   bool exclusive, bool wait) {
-    for (;;) {
-        ByteState& state = bytes_[byte];
-        const bool othersExclusive = state.held.exclusive > own.exclusive;
-        const bool othersShared = state.held.shared > own.shared;
-        if (!state.changing && !othersExclusive && !(exclusive && othersShared))
-            return &state;
-        if (!wait || signalWaiting(SignalLayer::hashes)) {
-            errno = EAGAIN;
+// Waits until no other holder of this process stands in the way. Returns the byte's state; null if a signal came, if
+// there is someone and the caller doesn't want to wait, or if both would wait for each other.
+ByteLockFile::ByteState* ByteLocks::waitForByte(std::unique_lock<std::mutex>* guard, const ByteLockFile::Holding& own,
+                                                off_t byte, bool exclusive, bool wait) {
+    const bool upgrades = exclusive && own.shared > 0 && own.exclusive == 0;
+    bool isFirst = true;
+    ByteLockFile::ByteState* state = nullptr;
+    for (;; isFirst = false) {
+        state = &file_->bytes_[byte];
+        const bool othersExclusive = state->held.exclusive > own.exclusive;
+        const bool othersShared = state->held.shared > own.shared;
+        if (!state->changing && !othersExclusive && !(exclusive && othersShared))
+            break;
+        if (isFirst && wait && upgrades && state->upgrading) {
+            errno = EDEADLK;
+            log_message(0, "%s: lock of byte %ld: %s\n", file_->locker_, static_cast<long>(byte), std::strerror(errno));
             return nullptr;
         }
-        changed_.wait_for(*guard, SIGNAL_LOOK_INTERVAL);
+        if (!wait || signalWaiting(layer_)) {
+            errno = EAGAIN;
+            state = nullptr;
+            break;
+        }
+        state->upgrading = state->upgrading || upgrades;
+        file_->changed_.wait_for(*guard, SIGNAL_LOOK_INTERVAL);
     }
+    if (upgrades && !isFirst)
+        file_->bytes_[byte].upgrading = false;
+    return state;
+}
+
+// Trying never blocks, so it is done under the mutex; only a wait for another process goes outside.
+int ByteLocks::changeRecordLock(std::unique_lock<std::mutex>* guard, ByteLockFile::ByteState* state, short type,
+                                off_t byte, bool wait) {
+    const int fd = file_->file_.get();
+    const std::string path = file_->path_;
+    if (setRecordLock(fd, F_SETLK, type, byte) == 0)
+        return 0;
+    if (errno != EAGAIN && errno != EACCES) {
+        log_message(0, "%s: fcntl(%s, F_SETLK): %s\n", file_->locker_, path.c_str(), std::strerror(errno));
+        return -1;
+    }
+    errno = EAGAIN;
+    if (!wait)
+        return -1;
+    state->changing = true;
+    guard->unlock();
+    const int result = file_->waitForRecordLock(fd, path, type, byte, layer_);
+    const int reason = errno;
+    guard->lock();
+    errno = reason;
+    state->changing = false;
+    return result;
 }
 
 int ByteLocks::prepare() {
@@ -104,22 +129,13 @@ int ByteLocks::prepare() {
 int ByteLocks::lock(off_t byte, bool exclusive, bool wait) {
     std::unique_lock guard(file_->mutex_);
     ByteLockFile::Holding& own = held_[byte];
-    ByteLockFile::ByteState* state = file_->waitForByte(&guard, own, byte, exclusive, wait);
+    ByteLockFile::ByteState* state = waitForByte(&guard, own, byte, exclusive, wait);
     int result = state == nullptr ? -1 : 0;
     if (state != nullptr) {
         ByteLockFile::Holding wanted = state->held;
         ++(exclusive ? wanted.exclusive : wanted.shared);
-        if (wanted.recordLock() != state->held.recordLock()) {
-            state->changing = true;
-            const int fd = file_->file_.get();
-            const std::string path = file_->path_;
-            guard.unlock();
-            result = file_->obtainRecordLock(fd, path, wanted.recordLock(), byte, wait);
-            const int reason = errno;
-            guard.lock();
-            errno = reason;
-            state->changing = false;
-        }
+        if (wanted.recordLock() != state->held.recordLock())
+            result = changeRecordLock(&guard, state, wanted.recordLock(), byte, wait);
         if (result == 0) {
             state->held = wanted;
             ++(exclusive ? own.exclusive : own.shared);

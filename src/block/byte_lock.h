@@ -3,10 +3,11 @@
 // POSIX record locks belong to the process as a whole and vanish when any descriptor of the file closes. So a process
 // opens such a file once and keeps it, and counts here who holds a byte: a holder neither loses its lock to another one
 // in the process nor gets a byte that the other one holds exclusively. A holder may take a byte again, also in the
-// other mode; each unlock undoes one lock.
+// other mode; each unlock undoes one lock. Of two holders that have a byte shared and both want it exclusively the
+// second gets EDEADLK at once, in one process as across processes: each would wait for the other.
 //
 // Threads: holders of different threads may lock at the same time; one holder belongs to one thread.
-// Errors:  0, or -1 with the reason logged. A signal that the hash layer caught ends a wait.
+// Errors:  0, or -1 with the reason logged. A signal that was caught for the holder's layer ends a wait.
 // Units:   a lock covers one byte of the file, given by its offset; the file needs no content.
 #pragma once
 
@@ -19,6 +20,7 @@
 #include <unordered_map>
 
 #include "base/file_descriptor.h"
+#include "block/signal_catch.h"
 
 // One lock file of this process. Meant to live as long as the process does: closing the file would drop every lock.
 class ByteLockFile {
@@ -42,14 +44,13 @@ private:
     };
     struct ByteState {
         Holding held;
-        bool changing = false;  // some thread is outside the mutex to change the record lock
+        bool changing = false;   // some thread is outside the mutex and waits for the record lock
+        bool upgrading = false;  // a holder that has it shared waits for it exclusively
     };
 
     int open();
     void forgetLocksOfParent();
-    ByteState* waitForByte(std::unique_lock<std::mutex>* guard, const Holding& own, off_t byte, bool exclusive,
-                           bool wait);
-    int obtainRecordLock(int fd, const std::string& path, short type, off_t byte, bool wait) const;
+    int waitForRecordLock(int fd, const std::string& path, short type, off_t byte, SignalLayer layer) const;
 
     const std::string_view name_;
     const char* const opener_;
@@ -66,7 +67,8 @@ private:
 // What one user holds; gives all of it back at the end. A forked child holds nothing of what its parent held.
 class ByteLocks {
 public:
-    explicit ByteLocks(ByteLockFile* file) : file_(file) {}
+    // A signal that was caught for `layer` ends a wait of this holder.
+    explicit ByteLocks(ByteLockFile* file, SignalLayer layer = SignalLayer::hashes) : file_(file), layer_(layer) {}
     ByteLocks(const ByteLocks&) = delete;
     ByteLocks& operator=(const ByteLocks&) = delete;
     ~ByteLocks();
@@ -81,7 +83,13 @@ public:
     int unlock(off_t byte);
 
 private:
+    ByteLockFile::ByteState* waitForByte(std::unique_lock<std::mutex>* guard, const ByteLockFile::Holding& own,
+                                         off_t byte, bool exclusive, bool wait);
+    int changeRecordLock(std::unique_lock<std::mutex>* guard, ByteLockFile::ByteState* state, short type, off_t byte,
+                         bool wait);
+
     ByteLockFile* file_;
+    SignalLayer layer_;
     pid_t owner_ = 0;
     std::unordered_map<off_t, ByteLockFile::Holding> held_;
 };

@@ -60,6 +60,6 @@ void freeHashContext(HashContextPtr* context) {
         log_message(0, "freeHashContext(NULL): %s\n", std::strerror(EINVAL));
         return;
     }
-    (*context)->digest.fill(0);
+    **context = {};  // nothing of the digest stays in freed memory
     context->reset();
 }

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -63,6 +64,18 @@ struct hashReferenceInfo : hashValue {
     std::uint32_t otherReferences;
 };
 static_assert(sizeof(hashReferenceInfo) == 152);
+// offsetof is not for derived records, so the places are read off the bytes.
+static_assert([] {
+    hashReferenceInfo record{};
+    record.backupNumber = record.deduplicated = 1;
+    record.fileOffset = 1;
+    record.referenceFlags = record.otherReferences = 1;
+    const auto bytes = std::bit_cast<std::array<unsigned char, sizeof record>>(record);
+    for (const std::size_t at : {120, 128, 136, 144, 148})
+        if (bytes[at] != 1)
+            return false;
+    return true;
+}());
 
 // A place in a backup, beside a hashValue that is put there.
 inline constexpr std::uint32_t offset_in = 1u << 0;
@@ -72,7 +85,7 @@ struct hashOffset {
     std::uint32_t pad;
     std::int64_t offset;
 };
-static_assert(sizeof(hashOffset) == 16);
+static_assert(sizeof(hashOffset) == 16 && offsetof(hashOffset, offset) == 8);
 
 // A 3tuple with its NUL is at most this long.
 inline constexpr std::size_t TUPLE3_SIZE = 2 + HASH_TYPE_SIZE + 1 + 20 + 1 + 2 * HASH_VALUE_SIZE + 1;

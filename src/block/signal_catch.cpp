@@ -16,14 +16,28 @@ namespace {
 
 // In the order in which the former actions come back.
 constexpr std::array CAUGHT = {SIGTERM, SIGINT, SIGHUP};
-constexpr int HIGHEST_SIGNAL = 64;
+constexpr int HIGHEST_SIGNAL = 63;
+constexpr std::uint64_t ACTIVE = 1;  // no signal has number 0
 
 struct Layer {
-    int depth = 0;                            // guarded by the mutex
-    std::atomic<bool> active = false;         // written under the mutex, read by the handler
-    std::atomic<std::uint64_t> received = 0;  // bit n-1: signal n came
+    int depth = 0;  // guarded by the mutex
+    // ACTIVE, and bit n: signal n came. One word, so that a signal is either noted before the layer ends, and raised
+    // again by it, or finds the layer ended. Begun and ended under the mutex, added to by the handler.
+    std::atomic<std::uint64_t> state = 0;
+
+    [[nodiscard]] bool isActive() const { return (state.load() & ACTIVE) != 0; }
+    [[nodiscard]] std::uint64_t received() const { return state.load() & ~ACTIVE; }
+
+    // False if the layer isn't active.
+    bool add(std::uint64_t signals) {
+        std::uint64_t known = state.load();
+        while ((known & ACTIVE) != 0)
+            if (state.compare_exchange_weak(known, known | signals))
+                return true;
+        return false;
+    }
 };
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<std::uint64_t>::is_always_lock_free);
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
 pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::array<Layer, 2> g_layers;
@@ -37,7 +51,7 @@ Layer& otherThan(SignalLayer layer) {
 }
 
 constexpr std::uint64_t bitOf(int signal) {
-    return std::uint64_t{1} << (signal - 1);
+    return std::uint64_t{1} << signal;
 }
 
 std::string nameOf(int signal) {
@@ -45,14 +59,21 @@ std::string nameOf(int signal) {
     return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);
 }
 
-void addToActiveLayers(int signal) {
+// Whether there was one.
+bool addToActiveLayers(int signal) {
+    bool added = false;
     for (Layer& layer : g_layers)
-        if (layer.active.load())
-            layer.received.fetch_or(bitOf(signal));
+        added = layer.add(bitOf(signal)) || added;
+    return added;
 }
 
+// A thread can be held up on its way in until the last layer has ended. The former actions are back by then, so the
+// signal is given to the process again.
 extern "C" void noteCaughtSignal(int signal) {
-    addToActiveLayers(signal);
+    const int reason = errno;
+    if (!addToActiveLayers(signal))
+        (void)kill(getpid(), signal);
+    errno = reason;
 }
 
 bool lockState(const char* function) {
@@ -117,15 +138,14 @@ int raiseAgain(std::uint64_t signals) {
 // The layer's last pair has ended. Returns the signals to raise again.
 std::uint64_t endLayer(SignalLayer layer, int* result) {
     Layer& ending = stateOf(layer);
-    if (otherThan(layer).active.load()) {
-        ending.active.store(false);
-        otherThan(layer).received.fetch_or(ending.received.exchange(0));
+    if (otherThan(layer).isActive()) {
+        const std::uint64_t received = ending.state.exchange(0) & ~ACTIVE;
+        (void)otherThan(layer).add(received);  // stays active: the mutex is held
         return 0;
     }
     // The handler goes first: a signal that arrives from here on takes its former way.
     *result = restoreActions(CAUGHT.size());
-    ending.active.store(false);
-    return ending.received.exchange(0);
+    return ending.state.exchange(0) & ~ACTIVE;
 }
 
 }  // namespace
@@ -137,15 +157,13 @@ int catchSignals(SignalLayer layer) {
     int result = 0;
     if (state.depth == 0) {
         // Active before the handlers stand, or a signal in between would be lost.
-        state.active.store(true);
-        if (!otherThan(layer).active.load())
+        state.state.store(ACTIVE);
+        if (!otherThan(layer).isActive())
             result = installHandlers();
-        if (result == -1)
-            state.active.store(false);
     }
     if (result == 0)
         ++state.depth;
-    const std::uint64_t early = result == -1 ? state.received.exchange(0) : 0;
+    const std::uint64_t early = result == -1 ? state.state.exchange(0) & ~ACTIVE : 0;
     unlockState(__func__);
     (void)raiseAgain(early);
     return result;
@@ -164,7 +182,7 @@ int uncatchSignals(SignalLayer layer) {
 }
 
 int checkForSignal(SignalLayer layer) {
-    const std::uint64_t received = stateOf(layer).received.load();
+    const std::uint64_t received = stateOf(layer).received();
     if (received == 0)
         return 0;
     for (int signal = 1; signal <= HIGHEST_SIGNAL; ++signal)
@@ -174,17 +192,15 @@ int checkForSignal(SignalLayer layer) {
 }
 
 bool signalWaiting(SignalLayer layer) {
-    return stateOf(layer).received.load() != 0;
+    return stateOf(layer).received() != 0;
 }
 
 int noteSignal(int signal) {
     if (signal < 1 || signal > HIGHEST_SIGNAL || !lockState(__func__))
         return 0;
-    const bool active = stateOf(SignalLayer::hashes).active.load() || stateOf(SignalLayer::metadata).active.load();
-    if (active)
-        addToActiveLayers(signal);
+    const bool noted = addToActiveLayers(signal);
     unlockState(__func__);
-    return active ? 1 : 0;
+    return noted ? 1 : 0;
 }
 
 CaughtSignals::CaughtSignals(SignalLayer layer, const char* operation)

@@ -1,15 +1,18 @@
 // Looking up blocks that will be read next, many in one statement.
 //
 // What a single read asks for twice, the record and its place in the open backup's file, one statement tells here of
-// all of them. The file is locked before the statement runs, as for a single read: what it tells was seen under the
-// lock, and holds as long as the lock does.
+// all of them. The file is locked before the statement runs, as for a single read: a place in that file was seen under
+// the lock, and holds as long as the lock does. All else that the statement tells may be out of date at once.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 
 #include "base/text.h"
-#include "block/signal_catch.h"
 #include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "hash/hashed_contents_internal.h"
 #include "log/logger.h"
 
@@ -36,8 +39,6 @@ std::uint64_t number(const PGresult* rows, int row, int column) {
 void fillRecord(const PGresult* rows, int row, hashValue* record) {
     record->flags |= hashID_out;
     const bool inStore = PQgetisnull(rows, row, 2) == 0;
-    if (!inStore && (record->flags & SISoffset_in) != 0)
-        return;
     record->flags = (record->flags & ~STORE_FLAGS) | (inStore ? SISoffset_out : 0);
     record->SISoffset = inStore ? number(rows, row, 2) : NO_SIS_OFFSET;
     const bool hasLength = PQnfields(rows) > 4 && PQgetisnull(rows, row, 4) == 0;
@@ -45,9 +46,8 @@ void fillRecord(const PGresult* rows, int row, hashValue* record) {
 }
 
 // Takes the rows over. A hash of another length than the record's is another hash under a number that was used again:
-// it isn't announced, so that its read finds out.
+// it stays as it is, so that its read finds out. A block in the store is read from there, so it gets no place.
 void takeRows(hashedContents* handle, const Records& sorted, const PGresult* rows) {
-    Announcement announcement;
     for (int row = 0; row < PQntuples(rows); ++row) {
         const std::uint64_t hashID = number(rows, row, 0);
         const auto found = std::ranges::equal_range(sorted, hashID, {}, &hashValue::hashID);
@@ -55,13 +55,10 @@ void takeRows(hashedContents* handle, const Records& sorted, const PGresult* row
             continue;
         for (hashValue* record : found)
             fillRecord(rows, row, record);
-        announcement.hashIDs.push_back(hashID);
-        if (PQgetisnull(rows, row, 3) == 0)
-            announcement.places.push_back({hashID, static_cast<std::int64_t>(number(rows, row, 3))});
+        if (PQgetisnull(rows, row, 2) != 0 && PQgetisnull(rows, row, 3) == 0)
+            handle->confirmed.push_back({hashID, static_cast<std::int64_t>(number(rows, row, 3))});
     }
-    std::ranges::sort(announcement.hashIDs);
-    std::ranges::stable_sort(announcement.places, {}, &Announcement::Place::hashID);
-    handle->announced = std::move(announcement);
+    std::ranges::stable_sort(handle->confirmed, {}, &ConfirmedPlace::hashID);
 }
 
 // Has some backup open and locked, if there is one to read the first of the blocks from.
@@ -77,8 +74,6 @@ void lockBackup(hashedContents* handle, std::span<hashValue* const> records) {
 }
 
 int announce(hashedContents* handle, std::span<hashValue* const> records) {
-    if (prepareHashValuesPrivatePSQL(&handle->hashValues) == -1)
-        return -1;
     HashConnection& connection = handle->hashValues->connection;
     const int hasLength = hasCompressedLength(&connection);
     if (hasLength == -1)
@@ -86,9 +81,11 @@ int announce(hashedContents* handle, std::span<hashValue* const> records) {
     lockBackup(handle, records);
     Records sorted(records.begin(), records.end());
     std::ranges::sort(sorted, {}, &hashValue::hashID);
+    std::vector<std::uint64_t> hashIDs;
+    std::ranges::transform(sorted, std::back_inserter(hashIDs), &hashValue::hashID);
     const PgRowsPtr rows = connection.runPrepared(
         "announced", statement(hasLength == 1).c_str(),
-        {idArray(sorted), std::to_string(static_cast<std::int64_t>(handle->backup ? handle->backupNumber : 0))});
+        {idArray(hashIDs), std::to_string(static_cast<std::int64_t>(handle->backup ? handle->backupNumber : 0))});
     if (!succeeded(rows.get())) {
         log_message(0, "Can't look up %zu hash values\n%s", records.size(), connection.error());
         return -1;
@@ -99,32 +96,36 @@ int announce(hashedContents* handle, std::span<hashValue* const> records) {
 
 }  // namespace
 
-bool Announcement::names(std::uint64_t hashID) const {
-    return std::ranges::binary_search(hashIDs, hashID);
-}
-
-std::optional<std::int64_t> Announcement::placeOf(std::uint64_t hashID) const {
-    const auto place = std::ranges::lower_bound(places, hashID, {}, &Place::hashID);
-    return place != places.end() && place->hashID == hashID ? std::optional(place->fileOffset) : std::nullopt;
+std::optional<std::int64_t> hashedContents::confirmedPlace(std::uint64_t hashID) const {
+    const auto place = std::ranges::lower_bound(confirmed, hashID, {}, &ConfirmedPlace::hashID);
+    const bool isThere = backupLocked && place != confirmed.end() && place->hashID == hashID;
+    return isThere ? std::optional(place->fileOffset) : std::nullopt;
 }
 
 int announceHashedContents(HashedContentsPtr* handle, std::span<hashValue* const> records) {
     withdrawHashedContents(handle);
-    if (records.empty())
+    if (handle == nullptr)
+        return -1;
+    // Of generation 1 nothing can be asked for together: each block is found when it is read.
+    if (records.empty() || getMetadataGeneration() == GENERATION_FILES)
         return 0;
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || openHandle(handle) == -1)
+    const HashOperation operation(__func__);
+    if (!operation.canRun() || openHandle(handle) == -1 || operation.connect(&(*handle)->hashValues) == -1)
         return -1;
     const int result = announce(handle->get(), records);
-    if ((*handle)->announced.places.empty() && (*handle)->backupLocked)
+    if ((*handle)->confirmed.empty() && (*handle)->backupLocked)
         unlockBackup(handle->get());
     return result;
 }
 
 void withdrawHashedContents(HashedContentsPtr* handle) {
+    if (handle == nullptr) {
+        log_message(0, "withdrawHashedContents(NULL): %s\n", std::strerror(EINVAL));
+        return;
+    }
     if (!*handle)
         return;
     if ((*handle)->backupLocked)
         unlockBackup(handle->get());
-    (*handle)->announced = {};
+    (*handle)->confirmed.clear();
 }

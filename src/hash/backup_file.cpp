@@ -12,7 +12,7 @@ constexpr char SUFFIX[] = ".gz";
 PgRowsPtr select(HashConnection* connection, const std::string& query) {
     if (connection->connect() == -1)
         return nullptr;
-    PgRowsPtr rows = connection->run(query.c_str());
+    PgRowsPtr rows = connection->run(query);
     if (succeeded(rows.get()))
         return rows;
     log_message(0, "%s(): query failed\n  %s", "openBackupFile", connection->error());
@@ -53,5 +53,5 @@ void closeBackup(hashedContents* handle) {
     handle->backup.reset();  // the lock goes with the descriptor
     handle->backupNumber = 0;
     handle->backupLocked = false;
-    handle->announced.places.clear();
+    handle->confirmed.clear();
 }

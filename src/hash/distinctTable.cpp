@@ -109,7 +109,7 @@ int distinctTableLookup(distinctTable* table, std::uint64_t key) {
     const std::uint64_t home = table->homeOf(key);
     const std::uint64_t probes = std::min(table->count, MOST_PROBES);
     std::uint64_t index = home;
-    for (std::uint64_t probe = 0; probe < probes; ++probe) {
+    for (std::uint64_t probe = 0; probe <= probes; ++probe) {  // the home itself takes none of them
         const std::uint64_t present = table->keyAt(index);
         // Empty is tested first, or key 0 would count as seen wherever it meets a free bucket.
         if (present == EMPTY) {

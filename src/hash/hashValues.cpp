@@ -1,19 +1,22 @@
 #include "hash/hashValues.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "base/text.h"
-#include "block/signal_catch.h"
-#include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "hash/hash_private.h"
 #include "log/logger.h"
 
-int prepareHashValuesPrivatePSQL(HashValuesPtr* handle) {
+int prepareHashValuesPrivatePSQL(HashValuesPtr* handle, const char* operation) {
     if (!*handle)
         handle->reset(new hashValuesPrivate);
     HashConnection& connection = (*handle)->connection;
-    return connection.connect() == -1 || hashColumnTypes(&connection, __func__) == nullptr ? -1 : 0;
+    if (connection.connect() == -1)
+        return -1;
+    (*handle)->types = hashColumnTypes(&connection, operation);
+    return (*handle)->types == nullptr ? -1 : 0;
 }
 
 void freeHashValuesPrivate(hashValuesPrivate* handle) {
@@ -29,6 +32,16 @@ bool typeIsKnown(const hashValue& value, std::size_t entry) {
     return false;
 }
 
+std::size_t beginArms(QueryBuffer* query) {
+    constexpr std::size_t FRAME_ARMS = 2;  // what stands around the arms takes no more than two of them
+    std::size_t arms = 0;
+    if (query->reserve((ARMS_PER_STATEMENT + FRAME_ARMS) * BYTES_PER_ARM) == 0)
+        arms = std::min(query->room() / BYTES_PER_ARM - FRAME_ARMS, ARMS_PER_STATEMENT);
+    if (arms == 0)
+        log_message(0, "Not enough buffer for a single query!\n");
+    return arms;
+}
+
 int refuseArguments(const char* function, const void* handle, std::size_t count) {
     log_message(0, "%s(%p, %d): %s\n", function, handle, static_cast<int>(count), std::strerror(EINVAL));
     return -1;
@@ -36,22 +49,16 @@ int refuseArguments(const char* function, const void* handle, std::size_t count)
 
 namespace {
 
-int getRecords(HashValuesPtr* handle, const std::vector<hashValue*>& records, const char* function) {
-    const CaughtSignals caught(SignalLayer::hashes, function);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
-        return -1;
-    return lookUpRecords(handle->get(), records);
-}
-
 template <typename Record>
 int getFrom(HashValuesPtr* handle, std::span<Record> records, const char* function) {
-    if (handle == nullptr)
-        return refuseArguments(function, handle, records.size());
+    const HashOperation operation(function);
+    if (operation.connect(handle, records.size()) == -1)
+        return -1;
     std::vector<hashValue*> pointers;
     pointers.reserve(records.size());
     for (Record& record : records)
         pointers.push_back(&record);
-    return getRecords(handle, pointers, function);
+    return lookUpRecords(handle->get(), pointers);
 }
 
 }  // namespace
@@ -65,10 +72,8 @@ int getHashValues_hri(HashValuesPtr* handle, std::span<hashReferenceInfo> record
 }
 
 int updateSISoffsets(HashValuesPtr* handle, std::span<hashValue> records) {
-    if (handle == nullptr)
-        return refuseArguments(__func__, handle, records.size());
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle, records.size()) == -1)
         return -1;
     {
         HashTransaction transaction(&(*handle)->connection);

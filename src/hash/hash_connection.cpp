@@ -1,10 +1,11 @@
 #include "hash/hash_connection.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-#include <algorithm>
-
 #include <endian.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -18,7 +19,9 @@
 
 namespace {
 
-constexpr char CONNINFO[] = "host=localhost dbname=dqdb sslmode=allow service=localhost";
+constexpr char TABLES_CONNINFO[] = "host=localhost dbname=dqdb sslmode=allow service=localhost";
+constexpr int SIGNAL_LOOK_MS = 100;  // the signal's handler may run in any thread, so it doesn't end a wait
+constexpr std::chrono::seconds CANCEL_INTERVAL{1};
 
 // Facts about the tables, the same for all connections.
 struct TableShape {
@@ -79,24 +82,36 @@ int readColumnTypes(HashConnection* connection, HashColumnTypes* types) {
 }
 
 // A hung-up server is often only restarting.
-PgConnectionPtr connectWithRetries() {
-    const int tries = std::max(1, ini_get_int("fileDedup", "dbconnectTries", 3, g_master_ini));
+PgConnectionPtr connectWithTries(const char* conninfo, int tries) {
     for (int attempt = 1;; ++attempt) {
-        PgConnectionPtr connection(PQconnectdb(CONNINFO));
+        PgConnectionPtr connection(PQconnectdb(conninfo));
         if (PQstatus(connection.get()) == CONNECTION_OK)
             return connection;
         log_message(0, "Connection failed, error:\n %s", PQerrorMessage(connection.get()));
-        if (attempt == tries || signalWaiting(SignalLayer::hashes)) {
-            log_message(0, "ERROR: Exceeded retry count without making a connection.\n");
+        if (attempt == tries)
+            break;
+        if (checkForSignal(SignalLayer::hashes) == 1)
             return nullptr;
-        }
         log_message(0, "Retrying connection (try %d of %d).\n", attempt + 1, tries);
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
+    log_message(0, "ERROR: Exceeded retry count without making a connection.\n");
+    return nullptr;
+}
+
+void cancelStatement(PGconn* connection) {
+    char reason[256] = "";
+    const std::unique_ptr<PGcancel, Releaser<&PQfreeCancel>> cancel(PQgetCancel(connection));
+    if (PQcancel(cancel.get(), reason, sizeof reason) == 0)
+        log_message(0, "Can't cancel a statement: %s\n", reason);
 }
 
 void logNotice(void*, const char* notice) {
     log_message(3, "From libpq: %s", notice);
+}
+
+PgRowsPtr lastOf(std::vector<PgRowsPtr> results) {
+    return results.empty() ? nullptr : std::move(results.back());
 }
 
 }  // namespace
@@ -107,13 +122,15 @@ bool succeeded(const PGresult* result) {
 }
 
 int HashConnection::connect() {
-    if (connection_ && PQstatus(connection_.get()) == CONNECTION_OK)
+    if (isOpen())
         return 0;
     if (connection_)
         log_message(0, "Not connected to Postgres or connection bad, reconnecting....\n");
     connection_.reset();
     prepared_.clear();
-    connection_ = connectWithRetries();
+    const bool toTables = conninfo_ == nullptr;
+    const int tries = toTables ? std::max(1, ini_get_int("fileDedup", "dbconnectTries", 3, g_master_ini)) : 1;
+    connection_ = connectWithTries(toTables ? TABLES_CONNINFO : conninfo_, tries);
     if (!connection_)
         return -1;
     (void)fcntl(PQsocket(connection_.get()), F_SETFD, FD_CLOEXEC);  // libpq sets it too where it can
@@ -121,49 +138,89 @@ int HashConnection::connect() {
     return 0;
 }
 
+// A statement that the server has begun may take very long: a list's first fetch, a wait for a lock of the tables. A
+// cancel that comes before the statement does is lost, so it is repeated.
+void HashConnection::waitForResult(OnSignal onSignal) {
+    auto nextCancel = std::chrono::steady_clock::now();
+    while (PQisBusy(connection_.get()) == 1) {
+        pollfd socket{PQsocket(connection_.get()), POLLIN, 0};
+        const bool nothingCame = poll(&socket, 1, SIGNAL_LOOK_MS) == 0;
+        if (nothingCame && onSignal == OnSignal::giveUp && signalWaiting(SignalLayer::hashes) &&
+            std::chrono::steady_clock::now() >= nextCancel) {
+            cancelStatement(connection_.get());
+            nextCancel = std::chrono::steady_clock::now() + CANCEL_INTERVAL;
+        }
+        if (PQconsumeInput(connection_.get()) == 0)
+            return;  // the connection is lost, and the result will say so
+    }
+}
+
+template <typename Send>
+std::vector<PgRowsPtr> HashConnection::exchange(Send send, OnSignal onSignal) {
+    std::vector<PgRowsPtr> results;
+    if (send() != 1)
+        return results;
+    for (;;) {
+        waitForResult(onSignal);
+        PgRowsPtr result(PQgetResult(connection_.get()));
+        if (!result)
+            return results;
+        results.push_back(std::move(result));
+    }
+}
+
 // A statement is run once more on a new connection, but never inside a transaction: the locks that it relies on would
 // be gone.
 template <typename Send>
-auto HashConnection::withReconnect(Send send) {
+std::vector<PgRowsPtr> HashConnection::withReconnect(Send send, OnSignal onSignal) {
     const bool inTransaction = PQtransactionStatus(connection_.get()) != PQTRANS_IDLE;
-    auto result = send();
-    if (PQstatus(connection_.get()) != CONNECTION_OK) {
+    std::vector<PgRowsPtr> results = exchange(send, onSignal);
+    if (!isOpen()) {
         log_message(0, "No database connection for our query\n");
         if (!inTransaction && connect() == 0)
-            result = send();
+            results = exchange(send, onSignal);
     }
-    return result;
+    return results;
 }
 
-PgRowsPtr HashConnection::run(const char* statement) {
-    return withReconnect([&] { return PgRowsPtr(PQexec(connection_.get(), statement)); });
+PgRowsPtr HashConnection::run(const std::string& statement, OnSignal onSignal) {
+    return lastOf(withReconnect([&] { return PQsendQuery(connection_.get(), statement.c_str()); }, onSignal));
 }
 
-std::vector<PgRowsPtr> HashConnection::runAll(const char* statements) {
-    return withReconnect([&] {
-        std::vector<PgRowsPtr> results;
-        if (PQsendQuery(connection_.get(), statements) == 1)
-            while (PgRowsPtr result{PQgetResult(connection_.get())})
-                results.push_back(std::move(result));
-        return results;
-    });
+PgRowsPtr HashConnection::runSteps(std::span<const StatementStep> steps, OnSignal onSignal) {
+    std::string text;
+    for (const StatementStep& step : steps)
+        text += step.statement + ";";
+    std::vector<PgRowsPtr> results =
+        withReconnect([&] { return PQsendQuery(connection_.get(), text.c_str()); }, onSignal);
+    const auto good = static_cast<std::size_t>(
+        std::ranges::count_if(results, [](const PgRowsPtr& result) { return succeeded(result.get()); }));
+    if (good == steps.size())
+        return lastOf(std::move(results));
+    log_message(0, "%s", steps[good].failure);
+    log_message(0, "%s", error());
+    return nullptr;
 }
 
+// The statement is made known as part of the exchange, so that a new connection gets to know it too.
 PgRowsPtr HashConnection::runPrepared(const char* name, const char* statement,
                                       std::initializer_list<std::string> parameters, RowFormat format) {
     std::vector<const char*> values;
     for (const std::string& parameter : parameters)
         values.push_back(parameter.c_str());
-    return withReconnect([&] {
-        if (std::ranges::count(prepared_, name) == 0) {
-            PgRowsPtr prepared(PQprepare(connection_.get(), name, statement, 0, nullptr));
-            if (!succeeded(prepared.get()))
-                return prepared;
-            prepared_.emplace_back(name);
-        }
-        return PgRowsPtr(PQexecPrepared(connection_.get(), name, static_cast<int>(values.size()), values.data(),
-                                        nullptr, nullptr, static_cast<int>(format)));
-    });
+    return lastOf(withReconnect(
+        [&] {
+            if (std::ranges::count(prepared_, name) == 0) {
+                const PgRowsPtr made = lastOf(exchange(
+                    [&] { return PQsendPrepare(connection_.get(), name, statement, 0, nullptr); }, OnSignal::giveUp));
+                if (!succeeded(made.get()))
+                    return 0;
+                prepared_.emplace_back(name);
+            }
+            return PQsendQueryPrepared(connection_.get(), name, static_cast<int>(values.size()), values.data(), nullptr,
+                                       nullptr, static_cast<int>(format));
+        },
+        OnSignal::giveUp));
 }
 
 PgRowsPtr HashConnection::runBinary(const char* statement, std::span<const std::span<const std::uint8_t>> parameters) {
@@ -174,16 +231,18 @@ PgRowsPtr HashConnection::runBinary(const char* statement, std::span<const std::
         lengths.push_back(static_cast<int>(parameter.size()));
     }
     const std::vector<int> formats(parameters.size(), 1);
-    return withReconnect([&] {
-        return PgRowsPtr(PQexecParams(connection_.get(), statement, static_cast<int>(parameters.size()), nullptr,
-                                      values.data(), lengths.data(), formats.data(), 1));
-    });
+    return lastOf(withReconnect(
+        [&] {
+            return PQsendQueryParams(connection_.get(), statement, static_cast<int>(parameters.size()), nullptr,
+                                     values.data(), lengths.data(), formats.data(), 1);
+        },
+        OnSignal::giveUp));
 }
 
 HashTransaction::~HashTransaction() {
     if (!open_)
         return;
-    const PgRowsPtr result = connection_->run("ROLLBACK");
+    const PgRowsPtr result = connection_->run("ROLLBACK", OnSignal::finish);
     if (!succeeded(result.get()))
         log_message(0, "ROLLBACK failed\n  %s", connection_->error());
 }
@@ -191,7 +250,7 @@ HashTransaction::~HashTransaction() {
 int HashTransaction::begin(const char* tables) {
     open_ = true;  // a half that went through must be rolled back as well
     const std::string statement = formatString("BEGIN;\nLOCK TABLE %s IN SHARE ROW EXCLUSIVE MODE", tables);
-    const PgRowsPtr result = connection_->run(statement.c_str());
+    const PgRowsPtr result = connection_->run(statement);
     if (succeeded(result.get()))
         return 0;
     log_message(0, "Failed to begin locked transaction\n  %s", connection_->error());
@@ -200,7 +259,7 @@ int HashTransaction::begin(const char* tables) {
 
 int HashTransaction::commit() {
     open_ = false;
-    const PgRowsPtr result = connection_->run("COMMIT");
+    const PgRowsPtr result = connection_->run("COMMIT", OnSignal::finish);
     // A transaction that an error had ended answers COMMIT with the tag of the roll back, and success.
     if (succeeded(result.get()) && std::strcmp(PQcmdStatus(result.get()), "COMMIT") == 0)
         return 0;
@@ -233,7 +292,7 @@ int hasCompressedLength(HashConnection* connection) {
         "SELECT column_name FROM information_schema.columns WHERE table_schema = lower('%s') AND table_name = "
         "lower('%s') AND column_name = lower('%s')",
         "dq", "hash_values", COLUMN);
-    const PgRowsPtr rows = connection->run(query.c_str());
+    const PgRowsPtr rows = connection->run(query);
     if (!succeeded(rows.get())) {
         log_message(0, "Can't get column '%s'\n", COLUMN);
         return -1;

@@ -4,7 +4,9 @@
 // open while other parts of the program talk to the catalogue.
 //
 // Threads: a connection belongs to one thread at a time; the cached facts about the tables are for all.
-// Errors:  -1, null or a failed result, logged by whoever knows what the statement was for.
+// Errors:  -1, null or a failed result, logged by whoever knows what the statement was for, unless said otherwise.
+// Signals: while the server is busy with a statement, a signal that the hash layer caught makes the server give it up:
+//          it fails then. A statement that ends something is always waited for.
 #pragma once
 
 #include <libpq-fe.h>
@@ -24,18 +26,30 @@ using PgRowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;
 [[nodiscard]] bool succeeded(const PGresult* result);
 
 enum class RowFormat : int { text = 0, binary = 1 };
+enum class OnSignal { giveUp, finish };
+
+// One of several statements that go out together, and what to say if it fails.
+struct StatementStep {
+    std::string statement;
+    const char* failure;
+};
 
 class HashConnection {
 public:
-    // Connects, or connects anew if the connection went bad. Retries a second later up to dbconnectTries times.
+    // To the tables; tries again a second later, up to dbconnectTries times.
+    HashConnection() = default;
+    // To any database, with one try.
+    explicit HashConnection(const char* conninfo) : conninfo_(conninfo) {}
+
+    // Connects, or connects anew if the connection went bad. A failure is logged.
     [[nodiscard]] int connect();
 
     // One statement or several joined by ';', with text results; of several, the last one's result or the first
     // failure.
-    [[nodiscard]] PgRowsPtr run(const char* statement);
+    [[nodiscard]] PgRowsPtr run(const std::string& statement, OnSignal onSignal = OnSignal::giveUp);
 
-    // The same with each statement's result, up to the first failure.
-    [[nodiscard]] std::vector<PgRowsPtr> runAll(const char* statements);
+    // Several statements in one message. The last one's result; null after a failure, which is logged with its text.
+    [[nodiscard]] PgRowsPtr runSteps(std::span<const StatementStep> steps, OnSignal onSignal = OnSignal::giveUp);
 
     // One statement with binary parameters ($1 on) and binary results.
     [[nodiscard]] PgRowsPtr runBinary(const char* statement, std::span<const std::span<const std::uint8_t>> parameters);
@@ -45,12 +59,17 @@ public:
                                         std::initializer_list<std::string> parameters,
                                         RowFormat format = RowFormat::text);
 
+    [[nodiscard]] bool isOpen() const { return PQstatus(connection_.get()) == CONNECTION_OK; }
     [[nodiscard]] const char* error() const { return PQerrorMessage(connection_.get()); }
 
 private:
     template <typename Send>
-    auto withReconnect(Send send);
+    std::vector<PgRowsPtr> exchange(Send send, OnSignal onSignal);
+    template <typename Send>
+    std::vector<PgRowsPtr> withReconnect(Send send, OnSignal onSignal);
+    void waitForResult(OnSignal onSignal);
 
+    const char* conninfo_ = nullptr;  // null: the tables'
     PgConnectionPtr connection_;
     std::vector<std::string> prepared_;  // names known to this connection
 };

@@ -5,7 +5,6 @@
 #include "config/directories.h"
 #include "config/ini.h"
 #include "config/services.h"
-#include "log/logger.h"
 
 namespace {
 
@@ -23,13 +22,6 @@ int getMetadataGeneration() {
         g_generation.store(generation);
     }
     return generation;
-}
-
-bool generationIsServed() {
-    const int generation = getMetadataGeneration();
-    if (generation != GENERATION_TABLES)
-        log_message(0, "Invalid metadata generation: %d\n", generation);
-    return generation == GENERATION_TABLES;
 }
 
 void forgetMetadataGeneration() {

@@ -6,12 +6,10 @@
 #pragma once
 
 inline constexpr int GENERATION_TABLES = 0;
+inline constexpr int GENERATION_FILES = 1;
 
 // Asked of the platform and master.ini once per process.
 [[nodiscard]] int getMetadataGeneration();
-
-// True for generation 0; otherwise says so on the log.
-[[nodiscard]] bool generationIsServed();
 
 // For tests: the next question is asked anew.
 void forgetMetadataGeneration();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -10,14 +12,19 @@
 #include "block/signal_catch.h"
 #include "hash/hashValues.h"
 #include "hash/hash_connection.h"
-#include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "log/logger.h"
 
 namespace {
 
-constexpr char CONNINFO[] =
+constexpr char LIST_CONNINFO[] =
     "service=localhost dbname=dqdb options='-c search_path=dq,public -c client_encoding=LATIN1'";
 constexpr int EMPTY_FETCHES_AT_END = 2;  // one empty fetch alone doesn't end a list
+
+// The server decides by its estimate whether it keeps the hashes of an excluded backup in a hashed table: 32 bytes for
+// each must fit into work_mem, or, from version 13 on, into a multiple of it. Otherwise it scans them anew for each
+// hash of the list, which for large backups takes days.
+constexpr std::uint64_t EXCLUDED_ROW_BYTES = 64;
 
 std::atomic<unsigned long> g_cursorNumber = 0;
 
@@ -28,26 +35,25 @@ struct hashListHandle {
     int distinct = 0;
     std::vector<std::uint64_t> exclusions;
     std::string cursor;
-    PgConnectionPtr connection;
+    HashConnection connection{LIST_CONNINFO};
     HashValuesPtr hashValues;
     bool endOfBackup = false;
 };
 
 namespace {
 
-PgConnectionPtr connectForList() {
-    PgConnectionPtr connection(PQconnectdb(CONNINFO));
-    if (PQstatus(connection.get()) == CONNECTION_OK)
-        return connection;
-    log_message(0, "Can't connect to database\n  %s", PQerrorMessage(connection.get()));
-    return nullptr;
+int connectForList(HashConnection* connection) {
+    if (connection->connect() == 0)
+        return 0;
+    log_message(0, "Can't connect to database\n");
+    return -1;
 }
 
-PgRowsPtr query(PGconn* connection, const std::string& text) {
-    PgRowsPtr rows(PQexec(connection, text.c_str()));
+PgRowsPtr query(HashConnection* connection, const std::string& text) {
+    PgRowsPtr rows = connection->run(text);
     if (succeeded(rows.get()))
         return rows;
-    log_message(0, "Error: failed database Query: %s\n", PQerrorMessage(connection));
+    log_message(0, "Error: failed database Query: %s\n", connection->error());
     return nullptr;
 }
 
@@ -59,7 +65,7 @@ int dropUnknownExclusions(hashListHandle* list) {
     std::string numbers;
     for (const std::uint64_t backup : list->exclusions)
         numbers += formatString("%s%lu", numbers.empty() ? "" : ",", backup);
-    const PgRowsPtr rows = query(list->connection.get(),
+    const PgRowsPtr rows = query(&list->connection,
                                  "SELECT DISTINCT backup_no FROM dq.backups_hash_values WHERE (hash_id IS NULL) AND "
                                  "(backup_no IN (" +
                                      numbers + "))");
@@ -72,6 +78,37 @@ int dropUnknownExclusions(hashListHandle* list) {
         std::erase(list->exclusions, backup);
     }
     return 0;
+}
+
+// The largest number of hashes that the server expects of one excluded backup; 0 for none, -1 on failure.
+std::int64_t mostExcluded(hashListHandle* list) {
+    std::int64_t most = 0;
+    for (const std::uint64_t backup : list->exclusions) {
+        const PgRowsPtr plan =
+            query(&list->connection,
+                  formatString("EXPLAIN SELECT hash_id FROM dq.backups_hash_values WHERE backup_no=%lu", backup));
+        if (!plan)
+            return -1;
+        const char* const rows =
+            PQntuples(plan.get()) > 0 ? std::strstr(PQgetvalue(plan.get(), 0, 0), "rows=") : nullptr;
+        most =
+            std::max<std::int64_t>(most, rows != nullptr ? std::strtoll(rows + std::strlen("rows="), nullptr, 10) : 0);
+    }
+    return most;
+}
+
+// Gives the list's statement, and it alone, the memory that its exclusions need.
+int makeRoomForExclusions(hashListHandle* list) {
+    constexpr std::uint64_t MOST_KB = INT32_MAX;
+    const std::int64_t most = mostExcluded(list);
+    if (most <= 0)
+        return static_cast<int>(most);
+    const std::uint64_t wantedKB = std::min(static_cast<std::uint64_t>(most) * EXCLUDED_ROW_BYTES / 1024 + 1, MOST_KB);
+    const PgRowsPtr set =
+        query(&list->connection, formatString("SELECT set_config('work_mem', greatest(%lu, "
+                                              "pg_size_bytes(current_setting('work_mem')) / 1024) || 'kB', true)",
+                                              wantedKB));
+    return set ? 0 : -1;
 }
 
 std::string declareStatement(const hashListHandle& list) {
@@ -89,16 +126,15 @@ std::string declareStatement(const hashListHandle& list) {
 
 int openCursor(hashListHandle* list) {
     log_message(4, "Using postgres to create list");
-    list->connection = connectForList();
-    if (!list->connection)
+    if (connectForList(&list->connection) == -1)
         return -1;
-    const PgRowsPtr begun(PQexec(list->connection.get(), "BEGIN"));
-    if (!succeeded(begun.get())) {
-        log_message(0, "BEGIN command failed: %s", PQerrorMessage(list->connection.get()));
+    if (!succeeded(list->connection.run("BEGIN").get())) {
+        log_message(0, "BEGIN command failed: %s", list->connection.error());
         return -1;
     }
     list->cursor = formatString("metaLeft%lu", ++g_cursorNumber);
-    if (dropUnknownExclusions(list) == 0 && query(list->connection.get(), declareStatement(*list)))
+    if (dropUnknownExclusions(list) == 0 && makeRoomForExclusions(list) == 0 &&
+        query(&list->connection, declareStatement(*list)))
         return 0;
     log_message(0, "Failed to create internal hash value list");
     list->cursor.clear();
@@ -135,8 +171,7 @@ int fetchRecords(hashListHandle* list, std::span<hashReferenceInfo> records) {
             return -1;
         const std::string fetch =
             formatString("FETCH FORWARD %lu FROM %s", records.size() - count, list->cursor.c_str());
-        const PgRowsPtr rows(
-            PQexecParams(list->connection.get(), fetch.c_str(), 0, nullptr, nullptr, nullptr, nullptr, 1));
+        const PgRowsPtr rows = list->connection.runBinary(fetch.c_str(), {});
         if (!succeeded(rows.get())) {
             log_message(0, "Error: failed database Query, backup not hashed?\n");
             return -1;
@@ -155,12 +190,12 @@ int fetchRecords(hashListHandle* list, std::span<hashReferenceInfo> records) {
 
 void freeHashList(hashListHandle* handle) {
     const std::unique_ptr<hashListHandle> owner(handle);
-    if (!owner->connection || owner->cursor.empty())
+    if (owner->cursor.empty() || !owner->connection.isOpen())
         return;
     log_message(4, "close cursor for getting hashes.\n");
-    const PgRowsPtr closed(PQexec(owner->connection.get(), ("CLOSE " + owner->cursor).c_str()));
-    const PgRowsPtr ended(PQexec(owner->connection.get(), "END"));
     // A failure needs no line: the connection goes, and all that it held with it.
+    (void)owner->connection.run("CLOSE " + owner->cursor, OnSignal::finish);
+    (void)owner->connection.run("END", OnSignal::finish);
 }
 
 int createHashList(HashListPtr* handle, std::uint64_t backupNumber, std::span<const std::uint64_t> exclusions,
@@ -177,10 +212,14 @@ int createHashList(HashListPtr* handle, std::uint64_t backupNumber, std::span<co
         log_message(0, "Unknown distinct value:%d", distinct);
         return -1;
     }
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed())
+    const HashOperation operation(__func__);
+    if (!operation.canRun())
         return -1;
-    HashListPtr list(new hashListHandle);
+    HashListPtr list(new (std::nothrow) hashListHandle);
+    if (!list) {
+        log_message(0, "Failed to allocate memory for handle");
+        return -1;
+    }
     list->backupNumber = backupNumber;
     list->distinct = distinct;
     list->exclusions.assign(exclusions.begin(), exclusions.end());
@@ -195,8 +234,8 @@ int getHashesFromList(HashListPtr* handle, std::span<hashReferenceInfo> records)
         log_message(0, "No handle passed in");
         return -1;
     }
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed())
+    const HashOperation operation(__func__);
+    if (!operation.canRun())
         return -1;
     const int count = fetchRecords(handle->get(), records);
     if (count <= 0)
@@ -206,8 +245,15 @@ int getHashesFromList(HashListPtr* handle, std::span<hashReferenceInfo> records)
         log_message(0, "Failed getHashValues_hri\n");
         return -1;
     }
-    for (hashReferenceInfo& record : filled)
+    for (hashReferenceInfo& record : filled) {
+        // Passed over, the block would be missing at the target of a backup that was sent without a failure.
+        if ((record.flags & hashValue_out) == 0) {
+            log_message(0, "Backup %lu has a block at offset %ld whose hash %lu is unknown\n", record.backupNumber,
+                        record.fileOffset, record.hashID);
+            return -1;
+        }
         inFlagsToOut(&record);
+    }
     return count;
 }
 
@@ -225,15 +271,13 @@ std::int64_t getHashCount(std::uint64_t backupNumber, int distinct) {
         log_message(0, "Query too long for buffer");
         return -1;
     }
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed())
-        return -1;
-    const PgConnectionPtr connection = connectForList();
-    if (!connection)
+    const HashOperation operation(__func__);
+    HashConnection connection(LIST_CONNINFO);
+    if (!operation.canRun() || connectForList(&connection) == -1)
         return -1;
     const char* counted = distinct == 1 ? "distinct hash_id" : "hash_id";
     const PgRowsPtr rows =
-        query(connection.get(), formatString("SELECT count(%s) FROM dq.backups_hash_values WHERE backup_no=%ld",
-                                             counted, static_cast<std::int64_t>(backupNumber)));
+        query(&connection, formatString("SELECT count(%s) FROM dq.backups_hash_values WHERE backup_no=%ld", counted,
+                                        static_cast<std::int64_t>(backupNumber)));
     return rows ? std::strtoll(PQgetvalue(rows.get(), 0, 0), nullptr, 10) : -1;
 }

@@ -38,42 +38,41 @@ struct Lookup {
     int unhandled = 0;
 };
 
-// How many of the records, from the front, share one statement; equal keys count once.
-std::size_t batchSize(RecordRange records, Order order) {
-    const std::size_t limit = order == &byID ? IDS_PER_STATEMENT : ARMS_PER_STATEMENT;
-    std::size_t arms = 0;
+// How many of the records, from the front, share one statement of up to `limit` keys; equal keys count once.
+std::size_t batchSize(RecordRange records, Order order, std::size_t limit) {
+    std::size_t keys = 0;
     for (std::size_t i = 0; i < records.size(); ++i) {
-        if ((i == 0 || order(records[i - 1], records[i])) && ++arms > limit)
+        if ((i == 0 || order(records[i - 1], records[i])) && ++keys > limit)
             return i;
     }
     return records.size();
 }
 
 PgRowsPtr selectByID(const Lookup& lookup, RecordRange records) {
+    std::vector<std::uint64_t> hashIDs;
+    hashIDs.reserve(records.size());
+    for (const hashValue* record : records)
+        hashIDs.push_back(record->hashID);
     return lookup.handle->connection.runPrepared(
         "byID",
         lookup.hasLength == 1 ? "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value, compressed_length "
                                 "FROM dq.hash_values WHERE (hash_id = ANY($1::bigint[]))"
                               : "SELECT hash_id, hashed_length, sis_offset, hash_type, hash_value FROM dq.hash_values "
                                 "WHERE (hash_id = ANY($1::bigint[]))",
-        {idArray(records)}, RowFormat::binary);
+        {idArray(hashIDs)}, RowFormat::binary);
 }
 
 int appendArm(const Lookup& lookup, const hashValue& record, const char* separator, std::size_t parameter) {
     const char* lengthColumn = lookup.hasLength == 1 ? ", compressed_length" : "";
-    const HashColumnTypes* types = hashColumnTypes(&lookup.handle->connection, __func__);
-    if (types == nullptr)
-        return -1;
     return lookup.handle->query.append(
         "%sSELECT hash_id, hashed_length, sis_offset, hash_type, hash_value%s FROM dq.hash_values WHERE (hash_type = "
         "'%s') AND (hashed_length = %lu) AND (hash_value = $%d::%s)",
-        separator, lengthColumn, record.hashType, record.hashedLength, static_cast<int>(parameter), types->hashValue);
+        separator, lengthColumn, record.hashType, record.hashedLength, static_cast<int>(parameter),
+        lookup.handle->types->hashValue);
 }
 
 PgRowsPtr selectByDigest(const Lookup& lookup, RecordRange records) {
     std::vector<std::span<const std::uint8_t>> parameters;
-    if (lookup.handle->query.reserve(std::min(records.size(), ARMS_PER_STATEMENT) * BYTES_PER_ARM) == -1)
-        return nullptr;
     const char* separator = "";
     for (std::size_t i = 0; i < records.size(); ++i) {
         const hashValue& record = *records[i];
@@ -81,7 +80,7 @@ PgRowsPtr selectByDigest(const Lookup& lookup, RecordRange records) {
             continue;
         parameters.emplace_back(record.digest, static_cast<std::size_t>(hashLength(record)));
         if (appendArm(lookup, record, separator, parameters.size()) == -1) {
-            log_message(0, i == 0 ? "Not enough buffer for a single query!\n" : "Miscalculated statement length!\n");
+            log_message(0, "Miscalculated statement length!\n");
             return nullptr;
         }
         separator = NEXT_ARM;
@@ -180,7 +179,10 @@ int lookUpSorted(Lookup* lookup, Records* records) {
     while (!rest.empty()) {
         if (checkForSignal(SignalLayer::hashes) == 1)
             return -1;
-        const RecordRange batch = rest.first(batchSize(rest, lookup->order));
+        const std::size_t limit = lookup->order == &byID ? IDS_PER_STATEMENT : beginArms(&lookup->handle->query);
+        const RecordRange batch = rest.first(batchSize(rest, lookup->order, limit));
+        if (batch.empty())
+            return -1;
         const PgRowsPtr rows = select(*lookup, batch);
         if (!rows || handleRows(lookup, batch, rows.get()) == -1)
             return -1;
@@ -193,14 +195,14 @@ int lookUpSorted(Lookup* lookup, Records* records) {
 
 }  // namespace
 
-std::string idArray(RecordRange records) {
+std::string idArray(std::span<const std::uint64_t> hashIDs) {
     std::string text = "{";
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (i > 0 && records[i]->hashID == records[i - 1]->hashID)
+    for (std::size_t i = 0; i < hashIDs.size(); ++i) {
+        if (i > 0 && hashIDs[i] == hashIDs[i - 1])
             continue;
         if (i > 0)
             text += ',';
-        text += std::to_string(static_cast<std::int64_t>(records[i]->hashID));
+        text += std::to_string(static_cast<std::int64_t>(hashIDs[i]));
     }
     return text += '}';
 }

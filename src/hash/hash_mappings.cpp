@@ -7,7 +7,7 @@
 
 #include "base/text.h"
 #include "block/signal_catch.h"
-#include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "hash/hash_private.h"
 #include "log/logger.h"
 
@@ -49,27 +49,19 @@ const char* plural(std::int64_t count) {
     return count == 1 ? "" : "s";
 }
 
-// Deletes the hashes from dq.hash_values that no backup maps, of those given. Returns the number, or -1.
+// Deletes the hashes from dq.hash_values that no backup maps, of those given. The tables are locked. Returns the
+// number, or -1.
 int deleteUnused(hashValuesPrivate* handle, const std::vector<std::uint64_t>& hashIDs) {
-    int deleted = 0;
-    for (const std::uint64_t hashID : hashIDs) {
-        if (checkForSignal(SignalLayer::hashes) == 1)
-            return -1;
-        const auto id = static_cast<std::int64_t>(hashID);
-        const std::string used =
-            formatString("SELECT hash_id FROM dq.backups_hash_values WHERE (hash_id = %ld) LIMIT 1", id);
-        const PgRowsPtr users = handle->connection.run(used.c_str());
-        if (succeeded(users.get()) && PQntuples(users.get()) > 0)
-            continue;
-        const std::string text = formatString("DELETE FROM dq.hash_values WHERE (hash_id = %ld)", id);
-        const PgRowsPtr result = handle->connection.run(text.c_str());
-        if (!succeeded(users.get()) || !succeeded(result.get())) {
-            log_message(0, "%s(): can't delete hash %ld\n  %s", __func__, id, handle->connection.error());
-            return -1;
-        }
-        deleted += static_cast<int>(rowsChanged(result.get()));
+    const PgRowsPtr result = handle->connection.runPrepared(
+        "deleteUnused",
+        "DELETE FROM dq.hash_values WHERE (hash_id = ANY($1::bigint[])) AND NOT EXISTS (SELECT FROM "
+        "dq.backups_hash_values AS r WHERE (r.hash_id = hash_values.hash_id))",
+        {idArray(hashIDs)});
+    if (!succeeded(result.get())) {
+        log_message(0, "%s(): can't delete %zu hashes\n  %s", __func__, hashIDs.size(), handle->connection.error());
+        return -1;
     }
-    return deleted;
+    return static_cast<int>(rowsChanged(result.get()));
 }
 
 int deleteOrphansOnTheWay(hashValuesPrivate* handle, const std::vector<std::uint64_t>& hashIDs) {
@@ -80,6 +72,15 @@ int deleteOrphansOnTheWay(hashValuesPrivate* handle, const std::vector<std::uint
     if (transaction.begin("dq.hash_values, dq.backups_hash_values") == -1 || deleteUnused(handle, hashIDs) == -1)
         return -1;
     return transaction.commit();
+}
+
+std::string storeQuery(std::uint64_t offset, int count, bool hasLength) {
+    const char* lengthColumn = hasLength ? ", compressed_length" : "";
+    return formatString(
+        "SELECT hash_id, hashed_length, sis_offset, backup_no%s FROM dq.backups_hash_values NATURAL RIGHT OUTER JOIN "
+        "(SELECT hash_id, hashed_length, sis_offset%s FROM dq.hash_values WHERE (sis_offset >= %lu) ORDER BY "
+        "sis_offset LIMIT %d) AS SISfileHashes ORDER BY sis_offset LIMIT %d",
+        lengthColumn, lengthColumn, offset, count, count);
 }
 
 // Reads the rows of the store list: one a use of a hash, in the order of offsets.
@@ -107,14 +108,12 @@ int readStoreRows(const PGresult* rows, bool hasLength, std::span<SIShashReferen
 
 std::int64_t updateHashInfo(HashValuesPtr* handle, const hashReferenceInfo& record, std::int64_t firstOffset,
                             std::int64_t lastOffset) {
-    if (handle == nullptr)
-        return refuseArguments(__func__, handle, 1);
     if ((record.referenceFlags & (deduplicated_in | complete_in)) == 0) {
         log_message(0, "%s(): deduplicated_in and complete_in are both 0, nothing to do.\n", __func__);
         return 0;
     }
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle) == -1)
         return -1;
     const std::string statement = updateStatement(record, firstOffset, lastOffset);
     if (statement.size() >= UPDATE_LIMIT) {
@@ -122,7 +121,7 @@ std::int64_t updateHashInfo(HashValuesPtr* handle, const hashReferenceInfo& reco
         return -1;
     }
     const auto backupNumber = static_cast<std::int64_t>(record.backupNumber);
-    const PgRowsPtr result = (*handle)->connection.run(statement.c_str());
+    const PgRowsPtr result = (*handle)->connection.run(statement);
     if (!succeeded(result.get())) {
         log_message(0, "%s(): Can't complete hash mapping(s) for backup %ld\n", __func__, backupNumber);
         log_message(0, "%s(): query: %s\n", __func__, statement.c_str());
@@ -136,10 +135,8 @@ std::int64_t updateHashInfo(HashValuesPtr* handle, const hashReferenceInfo& reco
 
 std::int64_t deleteHashValueMappings(HashValuesPtr* handle, std::uint64_t backupNumber, std::int64_t firstOffset,
                                      std::int64_t lastOffset) {
-    if (handle == nullptr)
-        return refuseArguments(__func__, handle, 1);
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle) == -1)
         return -1;
     const auto backup = static_cast<std::int64_t>(backupNumber);
     std::string statement = formatString("DELETE FROM dq.backups_hash_values WHERE (backup_no = %ld)", backup);
@@ -151,7 +148,7 @@ std::int64_t deleteHashValueMappings(HashValuesPtr* handle, std::uint64_t backup
         log_message(0, "Buffer too small for file_offset in DELETE statement\n");
         return -1;
     }
-    const PgRowsPtr result = (*handle)->connection.run(statement.c_str());
+    const PgRowsPtr result = (*handle)->connection.run(statement);
     if (!succeeded(result.get())) {
         log_message(0, "%s(): Can't delete hash mappings of backup %ld\n  %s", __func__, backup,
                     (*handle)->connection.error());
@@ -164,10 +161,8 @@ std::int64_t deleteHashValueMappings(HashValuesPtr* handle, std::uint64_t backup
 }
 
 int getSIShashReferencesBySISoffset(HashValuesPtr* handle, std::uint64_t offset, std::span<SIShashReference> output) {
-    if (handle == nullptr)
-        return refuseArguments(__func__, handle, output.size());
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle, output.size()) == -1)
         return -1;
     hashValuesPrivate& connected = **handle;
     const int hasLength = hasCompressedLength(&connected.connection);
@@ -175,28 +170,28 @@ int getSIShashReferencesBySISoffset(HashValuesPtr* handle, std::uint64_t offset,
         return -1;
     for (SIShashReference& reference : output)
         reference = {0, NO_SIS_OFFSET, 0, 0};
-    const char* lengthColumn = hasLength == 1 ? ", compressed_length" : "";
-    const int count = static_cast<int>(output.size());
-    const std::string query = formatString(
-        "SELECT hash_id, hashed_length, sis_offset, backup_no%s FROM dq.backups_hash_values NATURAL RIGHT OUTER JOIN "
-        "(SELECT hash_id, hashed_length, sis_offset%s FROM dq.hash_values WHERE (sis_offset >= %lu) ORDER BY "
-        "sis_offset LIMIT %d) AS SISfileHashes ORDER BY sis_offset LIMIT %d",
-        lengthColumn, lengthColumn, offset, count, count);
-    const PgRowsPtr rows = connected.connection.runBinary(query.c_str(), {});
-    if (!succeeded(rows.get())) {
-        log_message(0, "%s(): query failed\n  %s", __func__, connected.connection.error());
-        return -1;
+    const std::string query = storeQuery(offset, static_cast<int>(output.size()), hasLength == 1);
+    // 0 tells the caller that nothing more lies in the store, so a page of orphans alone is looked at again without
+    // them.
+    for (;;) {
+        const PgRowsPtr rows = connected.connection.runBinary(query.c_str(), {});
+        if (!succeeded(rows.get())) {
+            log_message(0, "%s(): query failed\n  %s", __func__, connected.connection.error());
+            return -1;
+        }
+        std::vector<std::uint64_t> orphans;
+        const int filled = readStoreRows(rows.get(), hasLength == 1, output, &orphans);
+        if (filled == -1 || deleteOrphansOnTheWay(&connected, orphans) == -1 ||
+            checkForSignal(SignalLayer::hashes) == 1)
+            return -1;
+        if (filled > 0 || orphans.empty())
+            return filled;
     }
-    std::vector<std::uint64_t> orphans;
-    const int filled = readStoreRows(rows.get(), hasLength == 1, output, &orphans);
-    return filled == -1 || deleteOrphansOnTheWay(&connected, orphans) == -1 ? -1 : filled;
 }
 
 int deleteOrphanedHashes(HashValuesPtr* handle, int limit) {
-    if (handle == nullptr)
-        return refuseArguments(__func__, handle, 0);
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle, 0) == -1)
         return -1;
     HashTransaction transaction(&(*handle)->connection);
     if (transaction.begin("dq.hash_values, dq.backups_hash_values") == -1)
@@ -211,10 +206,12 @@ int deleteOrphanedHashes(HashValuesPtr* handle, int limit) {
         log_message(0, "%s(): query failed\n  %s", __func__, (*handle)->connection.error());
         return -1;
     }
-    std::vector<std::uint64_t> orphans;
+    std::vector<std::uint64_t> orphans(static_cast<std::size_t>(PQntuples(rows.get())));
     for (int row = 0; row < PQntuples(rows.get()); ++row)
-        if (std::uint64_t hashID = 0; binaryNumber(rows.get(), row, 0, &hashID))
-            orphans.push_back(hashID);
+        if (!binaryNumber(rows.get(), row, 0, &orphans[static_cast<std::size_t>(row)])) {
+            log_message(0, "%s(): query failed\n  a hash ID of a wrong length\n", __func__);
+            return -1;
+        }
     const int deleted = deleteUnused(handle->get(), orphans);
     if (deleted == -1 || transaction.commit() == -1)
         return -1;

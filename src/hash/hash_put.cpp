@@ -1,13 +1,13 @@
 // Adding hashes and mappings, as one transaction under the lock of both tables.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
-#include <map>
 #include <tuple>
 
 #include "base/text.h"
 #include "block/signal_catch.h"
-#include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "hash/hash_private.h"
 #include "log/logger.h"
 
@@ -56,10 +56,9 @@ int newHashes(const Put& put, std::vector<const hashValue*>* hashes) {
 }
 
 int insertHashBatch(hashValuesPrivate* handle, std::span<const hashValue* const> hashes) {
-    const HashColumnTypes* types = hashColumnTypes(&handle->connection, __func__);
+    const HashColumnTypes* types = handle->types;
     QueryBuffer& query = handle->query;
-    if (types == nullptr || query.reserve((hashes.size() + 2) * BYTES_PER_ARM) == -1 ||
-        query.append("INSERT INTO dq.hash_values (hash_type, hashed_length, hash_value) SELECT hash_type, "
+    if (query.append("INSERT INTO dq.hash_values (hash_type, hashed_length, hash_value) SELECT hash_type, "
                      "hashed_length, hash_value FROM dq.hash_values\nNATURAL RIGHT OUTER JOIN\n (") == -1)
         return -1;
     std::vector<std::span<const std::uint8_t>> digests;
@@ -86,8 +85,8 @@ int addNewHashes(const Put& put) {
     for (std::span<const hashValue* const> rest(hashes); !rest.empty();) {
         if (checkForSignal(SignalLayer::hashes) == 1)
             return -1;
-        const auto batch = rest.first(std::min(rest.size(), ARMS_PER_STATEMENT));
-        if (insertHashBatch(put.handle, batch) == -1)
+        const auto batch = rest.first(std::min(rest.size(), beginArms(&put.handle->query)));
+        if (batch.empty() || insertHashBatch(put.handle, batch) == -1)
             return -1;
         rest = rest.subspan(batch.size());
     }
@@ -105,42 +104,49 @@ int requireAllFound(const Put& put) {
     return 0;
 }
 
-// 1 if a backup holds the hash's data, 0 if none does, -1 on failure.
-int checkForDataPSQL(hashValuesPrivate* handle, std::uint64_t hashID) {
-    const std::string query = formatString(
-        "SELECT hash_id FROM dq.backups_hash_values WHERE (hash_id = %lu) AND (hash_incomplete = FALSE) AND "
-        "(deduplicated IS NULL) LIMIT 1",
-        hashID);
-    const PgRowsPtr rows = handle->connection.run(query.c_str());
+// Of the hashes of these entries, sorted, those whose data some backup holds completely.
+int checkForDataPSQL(const Put& put, const Entries& entries, std::vector<std::uint64_t>* withData) {
+    std::vector<std::uint64_t> wanted;
+    for (const std::size_t entry : entries)
+        wanted.push_back(put.records[entry].hashID);
+    std::sort(wanted.begin(), wanted.end());
+    HashConnection& connection = put.handle->connection;
+    const PgRowsPtr rows = connection.runPrepared(
+        "checkForData",
+        "SELECT hash_id FROM unnest($1::bigint[]) AS wanted (hash_id) WHERE EXISTS (SELECT FROM dq.backups_hash_values "
+        "AS r WHERE (r.hash_id = wanted.hash_id) AND (r.hash_incomplete = FALSE) AND (r.deduplicated IS NULL))",
+        {idArray(wanted)}, RowFormat::binary);
     if (!succeeded(rows.get())) {
-        log_message(0, "%s(): query failed\n  %s", __func__, handle->connection.error());
+        log_message(0, "%s(): query failed\n  %s", __func__, connection.error());
         return -1;
     }
-    if (PQntuples(rows.get()) == 0)
-        log_message(0, "%s(): Did NOT find Data for hashID %lu\n", __func__, hashID);
-    return PQntuples(rows.get()) > 0 ? 1 : 0;
+    for (int row = 0; row < PQntuples(rows.get()); ++row)
+        if (std::uint64_t hashID = 0; binaryNumber(rows.get(), row, 0, &hashID))
+            withData->push_back(hashID);
+    std::sort(withData->begin(), withData->end());
+    for (const std::uint64_t hashID : wanted)
+        if (!std::binary_search(withData->begin(), withData->end(), hashID))
+            log_message(0, "%s(): Did NOT find Data for hashID %lu\n", __func__, hashID);
+    return 0;
 }
 
 // The entries to be mapped: all of them, or with `deduplicated` those whose data exists somewhere.
 int entriesToMap(const Put& put, Entries* entries) {
-    std::map<std::uint64_t, int> dataExists;
+    Entries inBackups;  // of which a backup must hold the data
     for (std::size_t i = 0; i < put.records.size(); ++i) {
-        const hashValue& record = put.records[i];
         if ((put.offsets[i].flags & offset_in) == 0) {
             log_message(0, "offset required to insert into backups_hash_values!\n");
             return -1;
         }
-        if (put.deduplicated != 0 && (record.flags & SISoffset_in) == 0) {
-            auto [known, isNew] = dataExists.try_emplace(record.hashID, 0);
-            if (isNew)
-                known->second = checkForDataPSQL(put.handle, record.hashID);
-            if (known->second == -1 || checkForSignal(SignalLayer::hashes) == 1)
-                return -1;
-            if (known->second == 0)
-                continue;
-        }
-        entries->push_back(i);
+        const bool needsBackup = put.deduplicated != 0 && (put.records[i].flags & SISoffset_in) == 0;
+        (needsBackup ? inBackups : *entries).push_back(i);
     }
+    std::vector<std::uint64_t> withData;
+    if (!inBackups.empty() && checkForDataPSQL(put, inBackups, &withData) == -1)
+        return -1;
+    for (const std::size_t entry : inBackups)
+        if (std::binary_search(withData.begin(), withData.end(), put.records[entry].hashID))
+            entries->push_back(entry);
     return 0;
 }
 
@@ -154,8 +160,7 @@ int buildMappings(const Put& put, std::span<const std::size_t> entries) {
     const std::string values =
         complete ? formatString(", %lu AS deduplicated, FALSE AS hash_incomplete", put.deduplicated) : std::string();
     QueryBuffer& query = put.handle->query;
-    if (query.reserve((entries.size() + 2) * BYTES_PER_ARM) == -1 ||
-        query.append(
+    if (query.append(
             "INSERT INTO dq.backups_hash_values (backup_no, hash_id, file_offset%s) SELECT backup_no, hash_id, "
             "file_offset%s FROM dq.backups_hash_values\nNATURAL RIGHT JOIN\n (",
             columns, columns) == -1)
@@ -193,10 +198,10 @@ int noteInserted(Put* put, std::span<const std::size_t> entries, const PGresult*
 }
 
 // Entries of one statement from the front of a sorted list; equal ones are never torn apart.
-std::size_t batchSize(const Put& put, std::span<const std::size_t> entries) {
+std::size_t batchSize(const Put& put, std::span<const std::size_t> entries, std::size_t limit) {
     std::size_t arms = 0;
     for (std::size_t i = 0; i < entries.size(); ++i)
-        if ((i == 0 || mappingKey(put, entries[i - 1]) != mappingKey(put, entries[i])) && ++arms > ARMS_PER_STATEMENT)
+        if ((i == 0 || mappingKey(put, entries[i - 1]) != mappingKey(put, entries[i])) && ++arms > limit)
             return i;
     return entries.size();
 }
@@ -210,7 +215,9 @@ int addMappings(Put* put) {
     for (std::span<const std::size_t> rest(sorted); !rest.empty();) {
         if (checkForSignal(SignalLayer::hashes) == 1)
             return -1;
-        const auto batch = rest.first(batchSize(*put, rest));
+        const auto batch = rest.first(batchSize(*put, rest, beginArms(&put->handle->query)));
+        if (batch.empty())
+            return -1;
         if (buildMappings(*put, batch) == -1) {
             log_message(0, "Miscalculated statement length!\n");
             return -1;
@@ -234,10 +241,14 @@ int internalPutHashValuesAndBackupsHashValuesPSQL(Put* put, bool addHashes) {
 }
 
 int putHashValues(HashValuesPtr* handle, Put put, bool addHashes, const char* function) {
-    if (handle == nullptr || put.records.size() != put.offsets.size())
-        return refuseArguments(function, handle, put.records.size());
-    const CaughtSignals caught(SignalLayer::hashes, function);
-    if (caught.failed() || !generationIsServed() || prepareHashValuesPrivatePSQL(handle) == -1)
+    if (handle == nullptr || put.records.size() != put.offsets.size()) {
+        log_message(0, "%s(%p, %p, %d): %s\n", function, static_cast<const void*>(handle),
+                    static_cast<const void*>(put.records.data()), static_cast<int>(put.records.size()),
+                    std::strerror(EINVAL));
+        return -1;
+    }
+    const HashOperation operation(function);
+    if (operation.connect(handle) == -1)
         return -1;
     put.handle = handle->get();
     put.inserted.resize(put.records.size());

@@ -7,9 +7,8 @@
 #include <cstring>
 #include <new>
 
-#include "block/signal_catch.h"
 #include "bookkeeping/common.h"
-#include "hash/hash_generation.h"
+#include "hash/hash_operation.h"
 #include "hash/hashed_contents_internal.h"
 #include "hash/store_access.h"
 #include "log/logger.h"
@@ -90,15 +89,21 @@ void growReadAhead(hashedContents* handle, std::uint64_t hashedLength) {
     ahead.capacity = static_cast<std::uint32_t>(size);
 }
 
+struct Target {
+    std::span<std::byte> bytes;
+    bool isAhead;  // the read-ahead buffer
+};
+
 // Where the bytes go: the caller's memory, or the buffer when more is read than was asked for.
-std::span<std::byte> chooseTarget(Read* read, std::uint64_t remaining) {
+Target chooseTarget(Read* read, std::uint64_t remaining) {
     if (read->rest.size() >= MOST_READ_AHEAD || read->rest.size() >= remaining)
-        return read->rest;
+        return {read->rest, false};
     ReadAhead& ahead = read->handle->ahead;
     growReadAhead(read->handle, read->record->hashedLength);
     ahead.length = 0;
     const std::uint64_t size = std::min<std::uint64_t>(remaining, ahead.capacity);
-    return read->rest.size() < size ? std::span(ahead.bytes.get(), size) : read->rest;
+    const bool isAhead = read->rest.size() < size;
+    return {isAhead ? std::span(ahead.bytes.get(), size) : read->rest, isAhead};
 }
 
 // Reads from some backup's file. Returns the bytes that came, or -1.
@@ -117,13 +122,13 @@ std::int64_t readFromBackup(const Read& read, std::span<std::byte> target) {
         }
         total += static_cast<std::size_t>(got);
     }
-    if (handle->announced.places.empty())
+    if (handle->confirmed.empty())
         unlockBackup(handle);
     return total < read.rest.size() ? -1 : static_cast<std::int64_t>(total);
 }
 
 // Settles what came in for `target`. Returns the bytes of the whole read, or -1.
-std::int64_t finish(Read* read, std::span<std::byte> target, std::int64_t came) {
+std::int64_t finish(Read* read, const Target& target, std::int64_t came) {
     ReadAhead& ahead = read->handle->ahead;
     if (came == 0 && read->served == 0)
         return 0;
@@ -131,13 +136,13 @@ std::int64_t finish(Read* read, std::span<std::byte> target, std::int64_t came) 
         ahead.length = 0;
         return -1;
     }
-    if (target.data() == ahead.bytes.get()) {
+    if (target.isAhead) {
         log_message(5, "Data buffered (%d bytes), transfer %d bytes\n", static_cast<int>(came),
                     static_cast<int>(read->rest.size()));
         ahead.length = static_cast<std::uint32_t>(came);
         ahead.offset = read->offset;
         ahead.block = *read->record;
-        std::memcpy(read->rest.data(), target.data(), read->rest.size());
+        std::memcpy(read->rest.data(), target.bytes.data(), read->rest.size());
     }
     return read->served + static_cast<std::int64_t>(read->rest.size());
 }
@@ -148,12 +153,12 @@ std::int64_t fetch(Read* read) {
         return read->served;
     const auto remaining = static_cast<std::uint64_t>(length - read->offset);
     read->rest = read->rest.first(std::min<std::uint64_t>(read->rest.size(), remaining));
-    const std::span<std::byte> target = chooseTarget(read, remaining);
+    const Target target = chooseTarget(read, remaining);
     std::int64_t came = STORE_UNAVAILABLE;
     if ((read->record->flags & STORE_FLAGS) != 0)
-        came = readStoredSubfile(&read->handle->store, *read->record, read->offset, target);
+        came = readStoredSubfile(&read->handle->store, *read->record, read->offset, target.bytes);
     if (came == STORE_UNAVAILABLE)
-        came = readFromBackup(*read, target);
+        came = readFromBackup(*read, target.bytes);
     return finish(read, target, came);
 }
 
@@ -170,7 +175,7 @@ std::int64_t readContents(hashedContents* handle, hashValue* record, std::span<s
     serveFromBuffer(&read);
     if (read.rest.empty())
         return read.served;
-    if (refresh && !handle->announced.names(record->hashID) && refreshRecord(handle, record) == -1)
+    if (refresh && !handle->confirmedPlace(record->hashID) && refreshRecord(handle, record) == -1)
         return -1;
     return fetch(&read);
 }
@@ -207,8 +212,8 @@ std::int64_t readHashedContents(HashedContentsPtr* handle, hashValue* record, st
         return refuse(handle, record, buffer, offset);
     if (buffer.empty())
         return 0;
-    const CaughtSignals caught(SignalLayer::hashes, __func__);
-    if (caught.failed() || !generationIsServed() || openHandle(handle) == -1)
+    const HashOperation operation(__func__);
+    if (!operation.canRun() || openHandle(handle) == -1)
         return -1;
     return readContents(handle->get(), record, buffer, offset, refresh != 0);
 }

@@ -30,14 +30,15 @@ using HashedContentsPtr = std::unique_ptr<hashedContents, Releaser<&freeHashedCo
 [[nodiscard]] std::int64_t readHashedContents(HashedContentsPtr* handle, hashValue* record, std::span<std::byte> buffer,
                                               std::int64_t offset, int refresh = 1);
 
-// Looks up blocks that will be read next through this handle, all at once, so that reading them needs no statement a
-// block. Those that lie in one backup's file are confirmed together and its lock is kept until the announcement is
+// Looks up blocks that will be read next through this handle, all at once. Those that lie in one backup's file are
+// confirmed together, so that reading them needs no statement a block, and its lock is kept until the announcement is
 // withdrawn, replaced or the handle closed: keep that short. Records are filled like those that are read. A block that
-// wasn't announced or isn't where the others are is read as ever. The records have an ID; their order doesn't matter.
-// Returns 0, or -1 with nothing announced, after which reading works as ever.
+// wasn't announced, or lies elsewhere (in the store or in another file), is read as ever, since it can move meanwhile.
+// The records have an ID; their order doesn't matter. Returns 0, or -1 with nothing announced, after which reading
+// works as ever.
 [[nodiscard]] int announceHashedContents(HashedContentsPtr* handle, std::span<hashValue* const> records);
 
-// Null handles are allowed.
+// Nothing to withdraw is no fault.
 void withdrawHashedContents(HashedContentsPtr* handle);
 
 void closeHashedContents(HashedContentsPtr* handle);

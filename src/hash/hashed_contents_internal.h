@@ -22,19 +22,10 @@ struct ReadAhead {
     hashValue block{};         // whose data it is
 };
 
-// Blocks that will be read next and were looked up together. The places are those in the open backup's file, and hold
-// as long as it stays locked, which is until the announcement is withdrawn.
-struct Announcement {
-    struct Place {
-        std::uint64_t hashID;
-        std::int64_t fileOffset;
-    };
-    std::vector<std::uint64_t> hashIDs;  // ascending
-    std::vector<Place> places;           // ascending; empty once another backup was opened
-
-    [[nodiscard]] bool isOpen() const { return !hashIDs.empty(); }
-    [[nodiscard]] bool names(std::uint64_t hashID) const;
-    [[nodiscard]] std::optional<std::int64_t> placeOf(std::uint64_t hashID) const;
+// The place of a block that was announced, in the open backup's file.
+struct ConfirmedPlace {
+    std::uint64_t hashID;
+    std::int64_t fileOffset;
 };
 
 struct hashedContents {
@@ -45,8 +36,12 @@ struct hashedContents {
     bool backupLocked = false;
     SISPtr store;  // opened when the first block lies in it
     ReadAhead ahead;
-    Announcement announced;
-    std::uint64_t maxSubfileBytes = 0;  // asked of the platform once a handle, 0 not yet
+    std::vector<ConfirmedPlace> confirmed;  // ascending; seen under the lock, and gone with it
+    std::uint64_t maxSubfileBytes = 0;      // asked of the platform once a handle, 0 not yet
+
+    // Where the block lies for certain: seen in the tables while the open backup's file was locked, which it still is.
+    // Of any other block, announced or not, nothing is certain: it can have moved since.
+    [[nodiscard]] std::optional<std::int64_t> confirmedPlace(std::uint64_t hashID) const;
 };
 
 // Makes the handle if there is none yet. 0 or -1.

@@ -1,5 +1,6 @@
 #include "hash/store_access.h"
 
+#include "hash/hash_operation.h"
 #include "hash/hash_private.h"
 #include "log/logger.h"
 
@@ -26,7 +27,8 @@ std::int64_t readStoredSubfile(SISPtr* store, const hashValue& record, std::int6
 }
 
 SISPtr openStoreForWriting(HashValuesPtr* handle) {
-    if (prepareHashValuesPrivatePSQL(handle) == -1)
+    const HashOperation operation(__func__);
+    if (operation.connect(handle) == -1)
         return nullptr;
     const int hasLength = hasCompressedLength(&(*handle)->connection);
     if (hasLength == -1)
