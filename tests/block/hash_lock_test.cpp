@@ -8,6 +8,8 @@
 #include <future>
 #include <thread>
 
+#include "base/paths.h"
+#include "block/byte_lock.h"
 #include "block/signal_catch.h"
 #include "support/root.h"
 
@@ -90,6 +92,39 @@ TEST_F(HashLock, OneHandleNeitherReleasesNorTakesTheLockOfAnother) {
     EXPECT_FALSE(freeForOthers(7, false));
     first.reset();
     EXPECT_TRUE(freeForOthers(7, true));
+}
+
+TEST_F(HashLock, OfTwoThatShareAndBothWantMoreOneIsTurnedAway) {
+    HashLockPtr handles[2];
+    std::future<int> upgrades[2];
+    for (HashLockPtr& handle : handles)
+        ASSERT_EQ(lockHashValuesShared(&handle, withIDs({7})), 1);
+    for (int i : {0, 1})
+        upgrades[i] =
+            std::async(std::launch::async, [&, i] { return lockHashValuesExclusive(&handles[i], withIDs({7})); });
+    const auto isBack = [&](int i) { return upgrades[i].wait_for(10ms) == std::future_status::ready; };
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!isBack(0) && !isBack(1) && std::chrono::steady_clock::now() < deadline) {
+    }
+    const int refused = isBack(0) ? 0 : 1;
+    ASSERT_TRUE(isBack(refused));
+    EXPECT_EQ(upgrades[refused].get(), -1);
+    EXPECT_TRUE(root.logged("doTheLock: lock of byte 7: Resource deadlock avoided"));
+    EXPECT_FALSE(isBack(1 - refused));
+    handles[refused].reset();
+    EXPECT_EQ(upgrades[1 - refused].get(), 1);
+}
+
+TEST_F(HashLock, AWaitEndsByASignalOfItsOwnLayer) {
+    ByteLockFile file(paths::HASH_LOCK_FILE, "opener", "locker");
+    ByteLocks holder(&file);
+    ByteLocks waiter(&file, SignalLayer::metadata);
+    ASSERT_EQ(holder.prepare() | waiter.prepare() | holder.lock(5, true), 0);
+    std::signal(SIGHUP, SIG_IGN);
+    const CaughtSignals caught(SignalLayer::metadata, "test");
+    raise(SIGHUP);
+    EXPECT_EQ(waiter.lock(5, false), -1);
+    EXPECT_EQ(waiter.lock(6, false), 0) << "nothing to wait for";
 }
 
 TEST_F(HashLock, ASignalEndsAWaitAndTheCountTellsWhatIsHeld) {

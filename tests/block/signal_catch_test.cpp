@@ -72,6 +72,17 @@ TEST_F(SignalCatch, AStopThreadsSignalComesBackToTheProcess) {
     EXPECT_EQ(g_terminations, 1);
 }
 
+// A thread can be held up in the handler until the last layer has ended.
+TEST_F(SignalCatch, ASignalWhoseHandlerRunsLateIsNotLost) {
+    struct sigaction handler {};
+    ASSERT_EQ(catchSignals(SignalLayer::hashes), 0);
+    ASSERT_EQ(sigaction(SIGTERM, nullptr, &handler), 0);
+    ASSERT_EQ(uncatchSignals(SignalLayer::hashes), 0);
+    handler.sa_handler(SIGTERM);
+    EXPECT_EQ(g_terminations, 1);
+    EXPECT_FALSE(signalWaiting(SignalLayer::hashes));
+}
+
 TEST_F(SignalCatch, ThreadsThatOpenAndCloseAtOnceLoseNoSignal) {
     std::atomic<bool> stop = false;
     const auto work = [&](SignalLayer layer) {

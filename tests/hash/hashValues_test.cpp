@@ -1,7 +1,10 @@
 #include "hash/hashValues.h"
 
-#include <csignal>
+#include <cstdlib>
 
+#include "hash/hash_list.h"
+#include "hash/hashed_contents.h"
+#include "hash/store_access.h"
 #include "hash_fixture.h"
 
 namespace {
@@ -198,11 +201,12 @@ TEST_F(HashValues, OrphansAreDeletedAndWhatIsUsedStays) {
     const std::uint64_t mapped = addHash("mapped");
     addMapping(1, mapped, 50);
     addHash("orphan");
-    SIShashReference references[4];
-    ASSERT_EQ(getSIShashReferencesBySISoffset(&handle, 100, references), 1);
-    EXPECT_EQ(references[0].hashID, used);
-    EXPECT_EQ(references[0].compressedLength, 3u);
-    EXPECT_EQ(references[1].SISoffset, NO_SIS_OFFSET);
+    SIShashReference reference[1];
+    ASSERT_EQ(getSIShashReferencesBySISoffset(&handle, 100, reference), 1) << "behind a page of orphans";
+    EXPECT_EQ(reference[0].hashID, used);
+    EXPECT_EQ(reference[0].compressedLength, 3u);
+    EXPECT_EQ(getSIShashReferencesBySISoffset(&handle, 8193, reference), 0);
+    EXPECT_EQ(reference[0].SISoffset, NO_SIS_OFFSET);
     EXPECT_EQ(deleteOrphanedHashes(&handle, 100), 1);
     EXPECT_EQ(catalogue.rows("SELECT hash_id FROM dq.hash_values ORDER BY 1"),
               std::to_string(used) + "\n" + std::to_string(mapped));
@@ -217,6 +221,29 @@ TEST_F(HashValues, AServerThatWasRestartedIsConnectedToAgain) {
     ASSERT_EQ(getHashValues(&handle, list), 0);
     EXPECT_EQ(list[0].flags & hashID_out, hashID_out);
     EXPECT_TRUE(root.logged("No database connection for our query"));
+    root.masterIni("[fileDedup]\n  dbconnectTries=2\n");
+    const std::string services = getenv("PGSERVICEFILE");
+    setenv("PGSERVICEFILE", "/dev/null", 1);
+    handle.reset();
+    EXPECT_EQ(getHashValues(&handle, list), -1);
+    setenv("PGSERVICEFILE", services.c_str(), 1);
+    EXPECT_TRUE(root.logged("Retrying connection (try 2 of 2)."));
+    EXPECT_TRUE(root.logged("ERROR: Exceeded retry count without making a connection."));
+}
+
+// A statement isn't repeated on a new connection inside a transaction: the locks and the first half are gone.
+TEST_F(HashValues, APutWhoseServerProcessDiesLeavesNothingBehind) {
+    catalogue.sql(
+        "CREATE FUNCTION dq.die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN PERFORM "
+        "pg_terminate_backend(pg_backend_pid()); RETURN NULL; END $$; CREATE TRIGGER dies AFTER INSERT ON "
+        "dq.backups_hash_values FOR EACH STATEMENT EXECUTE FUNCTION dq.die()");
+    HashValuesPtr handle;
+    std::vector<hashValue> list = records(0, 3);
+    std::vector<hashOffset> offsets = {at(0), at(10), at(20)};
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
+    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.hash_values"), "0");
+    catalogue.sql("DROP FUNCTION dq.die() CASCADE");
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
 }
 
 TEST_F(HashValues, AnotherGenerationIsRefusedBeforeAnythingIsTouched) {
@@ -228,8 +255,14 @@ TEST_F(HashValues, AnotherGenerationIsRefusedBeforeAnythingIsTouched) {
     std::vector<hashOffset> offsets = {at(0)};
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
     EXPECT_EQ(getHashValues(&handle, list), -1);
+    EXPECT_FALSE(openStoreForWriting(&handle));
     EXPECT_TRUE(root.logged("Invalid metadata generation: 1"));
     EXPECT_FALSE(handle);
+    HashedContentsPtr contents;
+    const std::vector<hashValue*> announced{&list[0]};
+    EXPECT_EQ(announceHashedContents(&contents, announced), 0) << "a help that isn't needed";
+    HashListPtr blocks;
+    EXPECT_EQ(createHashList(&blocks, 1, {}, 1), -1);
 }
 
 }  // namespace

@@ -1,10 +1,16 @@
 #include "hash/hash_list.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <csignal>
+#include <thread>
 
 #include "block/signal_catch.h"
 #include "hash_fixture.h"
+#include "log/logger.h"
 
 namespace {
 
@@ -90,6 +96,60 @@ TEST_F(HashList, WrongUseIsRefused) {
     catalogue.restart();
     EXPECT_EQ(getHashesFromList(&handle, batch), -1) << "the cursor went with the server";
     EXPECT_TRUE(root.logged("Error: failed database Query, backup not hashed?"));
+}
+
+// Passed over, it would be missing at the target of a backup that was sent without a failure.
+TEST_F(HashList, AMappingWhoseHashIsUnknownFailsTheList) {
+    catalogue.sql("DELETE FROM dq.hash_values WHERE hash_id = " + std::to_string(ids[3]));
+    HashListPtr handle;
+    std::vector<hashReferenceInfo> batch(9);
+    ASSERT_EQ(createHashList(&handle, 1, {}, 1), 0);
+    log_level = 0;
+    EXPECT_EQ(getHashesFromList(&handle, batch), -1);
+    log_level = 6;
+    EXPECT_TRUE(root.logged("Backup 1 has a block at offset 200 whose hash " + std::to_string(ids[3]) + " is unknown"));
+}
+
+// Where the server thinks that the excluded hashes don't fit into its memory, it scans them anew for each hash of the
+// list: here for half a minute and more, on real backups for days.
+TEST_F(HashList, AnExclusionOfManyHashesStaysCheap) {
+    catalogue.sql(
+        "INSERT INTO dq.hash_values (hash_id, hash_type, hashed_length, hash_value) SELECT i, 'sha512', 9, "
+        "decode(repeat(lpad(to_hex(i), 8, '0'), 16), 'hex') FROM generate_series(1000, 41000) i;"
+        "INSERT INTO dq.backups_hash_values SELECT b, i + b, i, NULL, false FROM generate_series(1000, 40990) i, "
+        "generate_series(7, 8) b; ANALYZE dq.backups_hash_values;"
+        "ALTER DATABASE dqdb SET work_mem = '64kB'; ALTER DATABASE dqdb SET statement_timeout = '10s'");
+    HashListPtr handle;
+    const std::uint64_t excluded[] = {2, 7};
+    std::vector<hashReferenceInfo> batch(9);
+    EXPECT_EQ(createHashList(&handle, 8, excluded, 1), 0);
+    EXPECT_EQ(getHashesFromList(&handle, batch), 1) << "all but the last are excluded";
+    catalogue.sql("ALTER DATABASE dqdb RESET work_mem; ALTER DATABASE dqdb RESET statement_timeout");
+}
+
+TEST_F(HashList, ASignalEndsAStatementThatTheServerIsBusyWith) {
+    static volatile std::sig_atomic_t raised = 0;
+    std::signal(SIGINT, [](int) { raised = 1; });
+    catalogue.sql("BEGIN; LOCK TABLE dq.backups_hash_values IN ACCESS EXCLUSIVE MODE");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::atomic<bool> isBack = false;
+    std::thread operatorsHand([&] {
+        while (catalogue.value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0" &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        kill(getpid(), SIGINT);
+        while (!isBack && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        catalogue.sql("ROLLBACK");
+    });
+    HashListPtr handle;
+    EXPECT_EQ(createHashList(&handle, 1, {}, 0), -1);
+    EXPECT_EQ(raised, 1);
+    isBack = true;
+    operatorsHand.join();
+    std::signal(SIGINT, SIG_DFL);
+    EXPECT_TRUE(root.logged("canceling statement due to user request"));
+    EXPECT_EQ(list({}, 0), "2@0 0@100 3@200 2@300 1@400 ");
 }
 
 TEST_F(HashList, ASignalEndsTheWalkAndIsRaisedAgain) {

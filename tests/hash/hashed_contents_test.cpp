@@ -2,14 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <future>
 #include <random>
+#include <thread>
 
 #include "base/file_descriptor.h"
+#include "block/signal_catch.h"
 #include "hash_fixture.h"
+#include "log/logger.h"
 
 namespace {
 
@@ -46,6 +51,11 @@ protected:
         value.flags = hashID_in | hashValue_in;
         value.hashID = hashID;
         return value;
+    }
+
+    bool canLock(int number) const {
+        const FileDescriptor file(open(fileOf(number).c_str(), O_RDONLY | O_CLOEXEC));
+        return flock(file.get(), LOCK_EX | LOCK_NB) == 0;
     }
 
     // What a read gives: the right bytes, "wrong bytes", or the result as text.
@@ -139,8 +149,11 @@ TEST_F(HashedContents, TheNextCandidateServesWhenOneIsGoneOrBusyOrBroken) {
     // Now the last one is busy as well: seen, but none usable.
     const FileDescriptor second(open(fileOf(1).c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(flock(second.get(), LOCK_EX), 0);
+    root.clearLog();
+    log_level = 0;
     EXPECT_EQ(read(300000), "-1");
-    EXPECT_TRUE(root.logged("Couldn't find a backup to open"));
+    log_level = 6;
+    EXPECT_TRUE(root.logged("Couldn't find a backup to open")) << "a failure";
     ASSERT_EQ(flock(second.get(), LOCK_UN), 0);
     EXPECT_EQ(read(300000), "ok 300000");
     EXPECT_EQ(flock(second.get(), LOCK_EX | LOCK_NB), 0) << "no lock is kept between two reads";
@@ -162,6 +175,47 @@ TEST_F(HashedContents, AFileThatWasReplacedWhileItWasKeptOpenIsOpenedAnew) {
     EXPECT_EQ(read(300000), "ok 300000");
     catalogue.sql("UPDATE dq.backups_hash_values SET hash_incomplete = true WHERE backup_no = 2");
     EXPECT_EQ(read(300000), "0");
+}
+
+// What is read was seen in the tables while the file was locked; what was seen before may have changed meanwhile.
+TEST_F(HashedContents, ThePlaceIsSeenUnderTheLock) {
+    addBackup(1, 700);
+    catalogue.sql(
+        "CREATE FUNCTION dq.gate() RETURNS boolean LANGUAGE sql VOLATILE AS 'SELECT pg_advisory_xact_lock_shared(7); "
+        "SELECT true'; ALTER TABLE dq.backups_hash_values RENAME TO away; "
+        "CREATE VIEW dq.backups_hash_values AS SELECT * FROM dq.away WHERE dq.gate()");
+    // Does something while a reader stands before the rows.
+    const auto whileLooking = [&](const auto& act) {
+        catalogue.sql("SELECT pg_advisory_lock(7)");
+        auto reading = std::async(std::launch::async, [&] { return read(300000); });
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (catalogue.value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0" &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        act();
+        catalogue.sql("SELECT pg_advisory_unlock(7)");
+        return reading.get();
+    };
+    EXPECT_EQ(whileLooking([&] {
+                  EXPECT_TRUE(canLock(1)) << "not opened yet";
+                  writeFile(fileOf(1), std::string(50, 'y') + data);
+                  catalogue.sql("UPDATE dq.away SET file_offset = 50");
+              }),
+              "ok 300000");
+    EXPECT_EQ(whileLooking([&] { EXPECT_FALSE(canLock(1)) << "kept open, so locked before the look"; }), "ok 300000");
+    catalogue.sql(
+        "DROP VIEW dq.backups_hash_values; DROP FUNCTION dq.gate(); ALTER TABLE dq.away RENAME TO "
+        "backups_hash_values");
+}
+
+TEST_F(HashedContents, ASignalEndsTheSearchWhateverItsWay) {
+    addBackup(1, 700);
+    EXPECT_EQ(read(300000), "ok 300000");
+    std::signal(SIGHUP, SIG_IGN);
+    const CaughtSignals caught(SignalLayer::hashes, "test");
+    raise(SIGHUP);
+    EXPECT_EQ(read(300000), "-1") << "in the open backup";
+    EXPECT_EQ(read(300000), "-1") << "in any";
 }
 
 TEST_F(HashedContents, AShortFileFailsAndBuffersNothing) {
@@ -209,19 +263,15 @@ TEST_F(HashedContents, AnnouncedBlocksAreLookedUpTogether) {
     second.hashID = otherID;
     second.flags = hashID_out | hashValue_out;
     const std::vector<hashValue*> records{&second, &first};
-    const auto canLock = [&] {
-        const FileDescriptor file(open(fileOf(1).c_str(), O_RDONLY | O_CLOEXEC));
-        return flock(file.get(), LOCK_EX | LOCK_NB) == 0;
-    };
     ASSERT_EQ(announceHashedContents(&handle, records), 0);
-    EXPECT_FALSE(canLock());
+    EXPECT_FALSE(canLock(1));
     catalogue.sql("ALTER TABLE dq.backups_hash_values RENAME TO away");
     std::vector<std::byte> buffer(other.size());
     EXPECT_EQ(readHashedContents(&handle, &second, buffer, 0), 1000);
     EXPECT_EQ(std::memcmp(buffer.data(), other.data(), other.size()), 0);
     EXPECT_EQ(read(300000, 0, 1), "ok 300000");
     withdrawHashedContents(&handle);
-    EXPECT_TRUE(canLock());
+    EXPECT_TRUE(canLock(1));
     EXPECT_EQ(read(300000), "-1") << "now the table is asked";
     EXPECT_EQ(announceHashedContents(&handle, records), -1);
     catalogue.sql("ALTER TABLE dq.away RENAME TO backups_hash_values");

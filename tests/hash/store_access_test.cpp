@@ -2,8 +2,12 @@
 
 #include "hash/store_access.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <filesystem>
 
+#include "base/file_descriptor.h"
 #include "hash/hashed_contents.h"
 #include "support/hashed_backup.h"
 
@@ -51,6 +55,12 @@ protected:
         return got;
     }
 
+    static FileDescriptor lockedBy(const fs::path& owner) {
+        FileDescriptor file(open(owner.c_str(), O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(flock(file.get(), LOCK_EX), 0);
+        return file;
+    }
+
     const std::string data = randomBytes(200000, 1) + std::string(300000, 'c') + randomBytes(11 << 10, 2);
     hashValue record = recordOf(data);
     HashedContentsPtr handle;
@@ -66,6 +76,43 @@ TEST_F(StoreAccess, ABlockThatMovedIntoTheStoreBetweenTwoReadsIsReadFromThere) {
     EXPECT_TRUE(root.logged("Data buffered (261264 bytes), transfer 100 bytes")) << "to the end of the block";
     EXPECT_EQ(read(1000, 100), 1000) << "before what is buffered";
     EXPECT_EQ(read(1000, static_cast<std::int64_t>(data.size()) - 10), 10);
+}
+
+// Nobody holds the file of a block that was announced but lies elsewhere than the first: its owner may move it.
+TEST_F(StoreAccess, AnAnnouncedBlockThatMovesBeforeItIsReadIsReadFromItsNewPlace) {
+    const std::string other(1000, 'o');
+    makeBackup(2, {other});
+    hashValue first = recordOf(other);
+    hashValue moving = recordOf(data);
+    for (hashValue* known : {&first, &moving}) {
+        HashValuesPtr hashes;
+        ASSERT_EQ(getHashValues(&hashes, {known, 1}), 0);
+        inFlagsToOut(known);
+    }
+    const std::vector<hashValue*> announced{&first, &moving};
+    const auto readsRight = [&] {
+        record = moving;
+        const std::int64_t got = read(data.size(), 0);
+        withdrawHashedContents(&handle);
+        return got == static_cast<std::int64_t>(data.size());
+    };
+    ASSERT_EQ(announceHashedContents(&handle, announced), 0);
+    moveToStore();
+    EXPECT_TRUE(readsRight()) << "from a file to the store";
+    catalogue.sql(
+        "UPDATE dq.hash_values SET sis_offset = sis_offset + 8192 WHERE sis_offset IS NOT NULL;"
+        "UPDATE dq.backups_hash_values SET deduplicated = NULL");
+    handle.reset();
+    ASSERT_EQ(announceHashedContents(&handle, std::span(announced).last(1)), 0);
+    catalogue.sql("UPDATE dq.hash_values SET sis_offset = sis_offset - 8192 WHERE sis_offset IS NOT NULL");
+    EXPECT_TRUE(readsRight()) << "within the store";
+    catalogue.sql("UPDATE dq.hash_values SET sis_offset = NULL; UPDATE dq.backups_hash_values SET deduplicated = NULL");
+    {
+        const FileDescriptor owners[] = {lockedBy(fileOf(1)), lockedBy(fileOf(2))};
+        ASSERT_EQ(announceHashedContents(&handle, announced), 0);
+        moveToStore();
+    }
+    EXPECT_TRUE(readsRight()) << "out of a file that nobody could lock";
 }
 
 TEST_F(StoreAccess, AStoreThatCannotBeOpenedLeavesTheBackupsAndOneThatCannotBeReadFails) {
