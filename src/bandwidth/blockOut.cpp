@@ -161,6 +161,8 @@ void attachBandwidthTable(int shmid) {
     if (handle == nullptr || (handle->attached != nullptr && handle->shmid == shmid))
         return;
     detach(handle);
+    if (shmid < 0)
+        return;  // there is no shared table
     void* const address = shmat(shmid, nullptr, SHM_RDONLY);
     if (address == reinterpret_cast<void*>(-1)) {
         LOG_HERE(0, "Can't attach to shared memory %d: %s\n", shmid, strerror(errno));

@@ -32,7 +32,8 @@ struct BandwidthHandle {
 // The segment that this thread is attached to, -1 for none.
 [[nodiscard]] int getBandwidthTableId();
 
-// Attaches this thread for sending, read-only; without the segment it sends at no limit.
+// Attaches this thread for sending, read-only; without the segment it sends at no limit. An id below 0 means that there
+// is none.
 void attachBandwidthTable(int shmid);
 void detachBandwidthTable();
 

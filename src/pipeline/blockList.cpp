@@ -71,7 +71,6 @@ std::int64_t BlockList::populate(const std::string& url, std::int64_t backupNo, 
     std::fill_n(records_.get(), capacity_, hashReferenceInfo{});
     index_ = 0;
     size_ = 0;
-    isCounted_ = false;
     const std::int64_t count = getHashesFromList(hashList, {records_.get(), capacity_});
     if (count < 0) {
         LOG_THREAD(0, "Error getting hash data from list");
@@ -87,7 +86,6 @@ std::int64_t BlockList::populate(const std::string& url, std::int64_t backupNo, 
 
 int BlockList::reset(const std::string& url, std::int64_t backupNo) {
     index_ = 0;
-    isCounted_ = false;
     for (hashReferenceInfo& record : records())
         record.flags = (record.flags | hashID_in) & ~(SISoffset_in | locationID_in | hashValue_in);
     if (getHashValues_hri(&hashValues_, records()) == -1)

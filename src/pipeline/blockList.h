@@ -60,10 +60,6 @@ public:
     // Asks the target which of the records it lacks. 0, libcurl's code, or -1; then none counts as to be sent.
     [[nodiscard]] int checkBlocksOnTarget(const std::string& url, std::int64_t backupNo);
 
-    // Whether this batch was counted for a checkpoint; populate and reset make it new again.
-    [[nodiscard]] bool isCounted() const { return isCounted_; }
-    void setCounted() { isCounted_ = true; }
-
 private:
     void allocate();
     void settle(std::uint64_t index, bool isOnTarget);
@@ -80,6 +76,5 @@ private:
     std::uint64_t size_ = 0;
     std::int32_t blocksOnTarget_ = 0;
     std::int32_t blocksToSend_ = 0;
-    bool isCounted_ = false;
     HashValuesPtr hashValues_;  // for looking records up anew
 };

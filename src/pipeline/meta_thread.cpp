@@ -1,12 +1,10 @@
 // The meta thread: fills the block list batch by batch, and makes the checkpoints between two batches.
 
-#include <unistd.h>
-
 #include <exception>
 
+#include "pipeline/checkpoint.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/threadBuffer.h"
-#include "rest/lifecycle.h"
 
 namespace {
 
@@ -26,7 +24,7 @@ public:
           list_(shared->blockList),
           job_(shared->job),
           progress_(*shared->job.progress),
-          populated_(static_cast<std::int64_t>(list_.capacity())) {}
+          counts_(shared->settings.retryCount) {}
 
     // 0 when there is no more to send, -1 on failure.
     int run() {
@@ -49,7 +47,7 @@ private:
         progress_.current_size += static_cast<std::int64_t>(list_.totalLength());
         if (shared_.settings.checkpoint && !isFirst_ && checkpoint(access) == Next::Fail)
             return Next::Fail;
-        if (list_.remaining() == 0 && populated_ > 0)
+        if (list_.remaining() == 0 && mayPopulate_)
             return populate();
         return Next::GoOn;
     }
@@ -63,8 +61,10 @@ private:
         if (list_.waitEmpty(access, shared_.timeoutSeconds) == 0)
             return Next::GoOn;
         LOG_HERE(3, "Timeout in metaThread, check for deadlocks");
-        if (list_.remaining() == 0 || !shared_.isStalled(*access))
+        if (list_.remaining() == 0)
             return Next::GoOn;  // an empty list is this thread's own work
+        if (shared_.lookAfterTimeout(access) != ThreadBuffer::Stall::Dead)
+            return Next::GoOn;
         LOG_HERE(0, "Deadlock detected");
         return failWithDump();
     }
@@ -77,104 +77,89 @@ private:
             LOG_THREAD(0, "MetaThread: Checkpoint failed synchronizing threads");
             return failWithDump();
         }
-        // A pass after a time-out may find the batch counted, with records left that the target had all along.
-        if (!list_.isCounted())
-            totalCheckpointBlocks_ += list_.size();
-        list_.setCounted();
-        if (tries_ > shared_.settings.retryCount) {
+        // A pass after a time-out may come with records left that the target had all along.
+        counts_.expectBatch(list_.size());
+        if (counts_.isExhausted()) {
             LOG_THREAD(0, "MetaThread: Checkpoint retry failed, too many retries attempted.");
             return failWithDump();
         }
         std::int64_t count = -1;
         if (askForCount(&count) == Next::Fail)
             return Next::Fail;
-        LOG_THREAD(3, "MetaThread: %lu blocks reported on target, %lu blocks expected.",
-                   static_cast<std::uint64_t>(count), totalCheckpointBlocks_);
-        if (static_cast<std::int64_t>(totalCheckpointBlocks_) > count)
-            sendAgain(count);
-        else
-            acceptBatch(count);
+        compare(count);
         return Next::GoOn;
     }
 
     Next askForCount(std::int64_t* count) {
-        int tried = 0;
-        int answer = 0;
-        for (; tried < shared_.settings.retryCount; ++tried) {
-            if (tried > 1)
-                sleep(static_cast<unsigned>(tried));
-            int curlCode = 0;
-            *count = -1;
-            answer = postBlockCount(job_.url, static_cast<std::uint64_t>(job_.backupNoOnTarget), &curlCode, count);
-            if (answer != -1 && *count >= 0)
-                break;
-            LOG_THREAD(0, "MetaThread: postBlockCount failed, retry.");
-        }
-        if (answer == -1) {
-            LOG_THREAD(0, "MetaThread: postBlockCount failed, curl failure.");
+        const BlockCount asked = askBlockCount(job_, shared_.settings.retryCount, "MetaThread: ");
+        if (!asked.isGood()) {
+            if (asked.answer == -1)
+                LOG_THREAD(0, "MetaThread: postBlockCount failed, curl failure.");
+            else
+                LOG_THREAD(0, "MetaThread: postBlockCount failed, target returned error.");
             return Next::Fail;
         }
-        if (*count < 0) {
-            LOG_THREAD(0, "MetaThread: postBlockCount failed, target returned error.");
-            return Next::Fail;
-        }
-        if (tried > 0)
+        if (asked.tries > 0)
             LOG_THREAD(0, "MetaThread: postBlockCount retry successful.");
+        *count = asked.count;
         return Next::GoOn;
     }
 
-    // The target lacks something of what it was sent: the whole last batch goes again. Only rounds without progress
-    // count towards the limit.
-    void sendAgain(std::int64_t count) {
+    void compare(std::int64_t count) {
+        const std::uint64_t expected = counts_.expected();
+        LOG_THREAD(3, "MetaThread: %lu blocks reported on target, %lu blocks expected.",
+                   static_cast<std::uint64_t>(count), expected);
+        int rounds = 0;
+        std::int64_t last = 0;
+        const CheckpointCounts::Outcome outcome = counts_.judge(count, list_.size(), &rounds, &last);
+        if (outcome == CheckpointCounts::Outcome::Good) {
+            mayPopulate_ = true;
+            if (rounds > 0) {
+                LOG_THREAD(0, "MetaThread: Checkpoint retries recovery after %d retries.", rounds);
+                list_.dump(3);
+            }
+            return;
+        }
         LOG_THREAD(0,
                    "MetaThread: Checkpoint found mismatch, retry last batch of blocks. Total checkpoint data size: "
                    "%lu. %lu blocks reported on target, %lu blocks expected.",
-                   list_.totalLength(), static_cast<std::uint64_t>(count), totalCheckpointBlocks_);
-        list_.dump(6);
-        // Bytes against blocks: kept so.
-        if (progress_.current_size > static_cast<std::int64_t>(totalCheckpointBlocks_))
-            progress_.current_size -= static_cast<std::int64_t>(list_.totalLength());
-        else
-            progress_.current_size = 0;
-        totalCheckpointBlocks_ -= list_.size();
-        populated_ = list_.reset(job_.url, job_.backupNoOnTarget);
-        addToSend();
-        if (lastReported_ < count) {
+                   list_.totalLength(), static_cast<std::uint64_t>(count), expected);
+        if (outcome == CheckpointCounts::Outcome::ShortWithProgress)
             LOG_THREAD(0,
                        "MetaThread: Checkpoint retry making some progress, last checkpoint was %lu bytes, clear retry "
                        "count.",
-                       static_cast<std::uint64_t>(lastReported_));
-            tries_ = 0;
-            lastReported_ = count;
-        } else {
-            ++tries_;
-        }
+                       static_cast<std::uint64_t>(last));
+        sendAgain(expected);
+    }
+
+    // The target lacks something of what it was sent: the whole last batch goes again.
+    void sendAgain(std::uint64_t expected) {
+        list_.dump(6);
+        // Bytes against blocks: kept so.
+        if (progress_.current_size > static_cast<std::int64_t>(expected))
+            progress_.current_size -= static_cast<std::int64_t>(list_.totalLength());
+        else
+            progress_.current_size = 0;
+        counts_.beginBatch();
+        (void)list_.reset(job_.url, job_.backupNoOnTarget);  // a failure leaves nothing to send: the next round tells
+        mayPopulate_ = false;
+        addToSend();
         list_.signalFull();
     }
 
-    void acceptBatch(std::int64_t count) {
-        if (tries_ > 0) {
-            LOG_THREAD(0, "MetaThread: Checkpoint retries recovery after %d retries.", tries_);
-            list_.dump(3);
-        }
-        lastReported_ = count;
-        populated_ = static_cast<std::int64_t>(list_.capacity());
-        tries_ = 0;
-    }
-
     Next populate() {
-        populated_ = list_.populate(job_.url, job_.backupNoOnTarget, &shared_.hashList);
+        counts_.beginBatch();
+        const std::int64_t count = list_.populate(job_.url, job_.backupNoOnTarget, &shared_.hashList);
         addToSend();
-        if (populated_ == 0) {
+        if (count == 0) {
             LOG_THREAD(3, "MetaThread:no more blocks to send");
             return Next::Succeed;
         }
-        if (populated_ < 0) {
+        if (count < 0) {
             LOG_THREAD(0, "MetaThread:Failed to populate block list");
             return Next::Fail;
         }
-        LOG_THREAD(3, "MetaThread: populated block list with %lu blocks to send",
-                   static_cast<std::uint64_t>(populated_));
+        LOG_THREAD(3, "MetaThread: populated block list with %lu blocks to send", static_cast<std::uint64_t>(count));
         list_.signalFull();
         (void)updateProgress(&progress_);  // a courtesy
         return Next::GoOn;
@@ -190,10 +175,8 @@ private:
     BlockList& list_;
     const SendJob& job_;
     OperationProgress& progress_;
-    std::uint64_t totalCheckpointBlocks_ = 0;
-    std::int64_t lastReported_ = 0;
-    int tries_ = 0;
-    std::int64_t populated_;
+    CheckpointCounts counts_;
+    bool mayPopulate_ = true;  // not while a short batch goes again
     bool isFirst_ = true;
 };
 

@@ -127,16 +127,16 @@ private:
 
     // False when the buffer takes no more; its record stays current for the next one.
     bool add(WorkBuffer* buffer) {
-        const std::int64_t added = buffer->addBlock(list_.currentRecord(), &shared_.readLock);
+        const WorkBuffer::Added added = buffer->addBlock(list_.currentRecord(), &shared_.readLock);
         switch (added) {
             case WorkBuffer::Done:
                 list_.next();
                 return true;
             case WorkBuffer::Full:
-                LOG_THREAD(5, "ReadThread: Block not added, buffer is full:%ld", added);
+                LOG_THREAD(5, "ReadThread: Block not added, buffer is full:%ld", static_cast<long>(added));
                 return false;
             default:
-                LOG_THREAD(0, "ReadThread: failed to add block to work buffer:%ld", added);
+                LOG_THREAD(0, "ReadThread: failed to add block to work buffer:%ld", static_cast<long>(added));
                 hasFailed_ = true;
                 isDone_ = true;
                 return false;

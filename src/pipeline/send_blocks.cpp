@@ -1,24 +1,21 @@
 // The send phase in one thread: batch by batch, buffer by buffer.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
-#include <new>
+#include <exception>
 #include <optional>
 #include <span>
-#include <vector>
 
 #include "base/releaser.h"
 #include "hash/hash_list.h"
 #include "hash/hashed_contents.h"
 #include "log/logger.h"
 #include "pipeline/block_source.h"
+#include "pipeline/checkpoint.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/send_phase.h"
 #include "rest/blocks.h"
-#include "rest/lifecycle.h"
 #include "rest/session.h"
 
 namespace {
@@ -73,23 +70,21 @@ private:
         }
     }
 
+    // The memory is touched only where a batch comes to: a size that is far too large costs nothing.
     int allocateRecords() {
-        auto capacity = static_cast<long>(batchRecords(settings_));
-        for (;;) {
-            if (capacity < 1) {
-                LOG_HERE(0, "Error: unable to get memory for meta buffer");
-                return -1;
-            }
-            try {
-                records_.resize(static_cast<std::size_t>(capacity));
-                sendInfo_.resize(static_cast<std::size_t>(capacity));
-                batchSize_ = records_.size();
+        auto capacity = static_cast<std::int64_t>(batchRecords(settings_));
+        for (; capacity > 0; capacity = capacity / 2 - 1) {
+            const auto count = static_cast<std::size_t>(capacity);
+            recordMemory_.reset(static_cast<hashReferenceInfo*>(std::calloc(count, sizeof(hashReferenceInfo))));
+            sendInfoMemory_.reset(static_cast<RequestBody*>(std::calloc(count, sizeof(RequestBody))));
+            records_ = {recordMemory_.get(), count};
+            sendInfo_ = {sendInfoMemory_.get(), count};
+            if (recordMemory_ && sendInfoMemory_)
                 return 0;
-            } catch (const std::bad_alloc&) {
-                LOG_HERE(0, "Resizing buffers");
-                capacity = capacity / 2 - 1;
-            }
+            LOG_HERE(0, "Resizing buffers");
         }
+        LOG_HERE(0, "Error: unable to get memory for meta buffer");
+        return -1;
     }
 
     // The next records of the list, checked with the target; what it lacks has a length in sendInfo_ afterwards.
@@ -97,8 +92,6 @@ private:
         LOG_HERE(3, "Build meta data");
         if (settings_.checkpoint)
             checkpoint();
-        else
-            batchSize_ = records_.size();
         if (stopped_)
             return;
         batchBytes_ = 0;
@@ -108,6 +101,8 @@ private:
             stopped_ = true;
             if (count < 0)
                 result_ = -1;
+            else if (isUnconfirmed_ && result_ == 0)
+                endUnconfirmed();
             return;
         }
         metaLeft_ = static_cast<std::size_t>(count);
@@ -134,24 +129,21 @@ private:
     }
 
     std::optional<std::int64_t> blocksOnTarget() {
-        std::int64_t count = -1;
-        int curlCode = 0;
-        int answer = 0;
-        for (int i = 0; i < settings_.retryCount; ++i) {
-            if (i > 1)
-                sleep(static_cast<unsigned>(i));
-            curlCode = 0;
-            answer = postBlockCount(job_.url, static_cast<std::uint64_t>(job_.backupNoOnTarget), &curlCode, &count);
-            if (answer != -1 && count >= 0)
-                return count;
-            LOG_HERE(0, "[%lu]: postBlockCount failed, retry.", static_cast<unsigned long>(gettid()));
-        }
-        if (answer == -1)
+        const BlockCount asked = askBlockCount(job_, settings_.retryCount, "");
+        if (asked.isGood())
+            return asked.count;
+        if (asked.answer == -1)
             LOG_HERE(0, "postBlockCount failed, curl failure.");
         else
             LOG_HERE(0, "postBlockCount failed, target returned error.");
-        stop(curlCode);
+        stop(asked.curlCode);
         return std::nullopt;
+    }
+
+    // Blocks were refused and no checkpoint has found them since: the worker must not go on to the backup's end.
+    void endUnconfirmed() {
+        LOG_HERE(0, "Blocks that the target refused are missing there");
+        result_ = -1;
     }
 
     void takeBatchBack(std::int64_t count) {
@@ -162,7 +154,7 @@ private:
         const auto bytes = static_cast<std::int64_t>(batchBytes_);
         std::int64_t& progress = job_.progress->current_size;
         progress = progress > bytes ? progress - bytes : 0;
-        totalBlocks_ -= std::min<std::uint64_t>(batchSize_, totalBlocks_);
+        totalBlocks_ -= std::min<std::uint64_t>(records_.size(), totalBlocks_);
         ++tries_;
     }
 
@@ -171,8 +163,8 @@ private:
             LOG_HERE(0, "Checkpoint retries recovery after %d retries.", tries_);
             logRecords(3, "Checkpoint recovered metaBuffer");
         }
-        batchSize_ = records_.size();
         tries_ = 0;
+        isUnconfirmed_ = false;
         if (result_ != 0) {
             LOG_HERE(0, "Recovered from curl error. setting ret=0 (previous ret:%d)", result_);
             result_ = 0;
@@ -189,7 +181,7 @@ private:
         LOG_HERE(3, "Post Check");
         std::optional<std::string> reply;
         int curlCode = 0;
-        (void)postCheckOffset(job_.url, std::span(records_).first(metaLeft_), &reply, job_.backupNoOnTarget,
+        (void)postCheckOffset(job_.url, records_.first(metaLeft_), &reply, job_.backupNoOnTarget,
                               &curlCode);  // the reply tells
         if (!reply) {
             LOG_HERE(0, "Failed to check with POST\n");
@@ -321,6 +313,7 @@ private:
     // With checkpoints the next one finds the shortfall, so the failure is let pass; its code stands until then.
     void passOverOrStop(int curlCode) {
         if (settings_.checkpoint) {
+            isUnconfirmed_ = true;
             if (curlCode != 0)
                 result_ = curlCode;
             return;
@@ -333,9 +326,8 @@ private:
         LOG_HERE(3, "Put blocks");
         const std::size_t count = metaIndex_ - first;
         int curlCode = 0;
-        const std::int64_t sent =
-            putBlocks(job_.url, std::span(sendInfo_).subspan(first, count), std::span(records_).subspan(first, count),
-                      0, job_.backupNoOnTarget, &curlCode);
+        const std::int64_t sent = putBlocks(job_.url, sendInfo_.subspan(first, count), records_.subspan(first, count),
+                                            0, job_.backupNoOnTarget, &curlCode);
         if (sent != static_cast<std::int64_t>(count)) {
             LOG_HERE(0, "putBlocks failed");
             LOG_HERE(0, "Curl status: %s", curlText(curlCode));
@@ -352,13 +344,15 @@ private:
     MallocPtr<std::byte> buffer_;
     std::uint64_t bufferSize_ = 0;
     std::uint64_t used_ = 0;
-    std::vector<hashReferenceInfo> records_;
-    std::vector<RequestBody> sendInfo_;  // beside records_: what is to be sent; a length of 0 is nothing
-    std::size_t metaLeft_ = 0;           // records of the batch not yet handled
-    std::size_t metaIndex_ = 0;          // the next of them
-    std::size_t batchSize_ = 0;
-    std::int64_t clusterAmt_ = 0;  // blocks in the buffer
+    MallocPtr<hashReferenceInfo> recordMemory_;
+    MallocPtr<RequestBody> sendInfoMemory_;
+    std::span<hashReferenceInfo> records_;
+    std::span<RequestBody> sendInfo_;  // beside records_: what is to be sent; a length of 0 is nothing
+    std::size_t metaLeft_ = 0;         // records of the batch not yet handled
+    std::size_t metaIndex_ = 0;        // the next of them
+    std::int64_t clusterAmt_ = 0;      // blocks in the buffer
     int tries_ = 0;
+    bool isUnconfirmed_ = false;  // a refused buffer was let pass, and no good count came since
     std::uint64_t totalBlocks_ = 0;
     std::uint64_t batchBytes_ = 0;
     BatchCounts totals_;
@@ -369,5 +363,10 @@ private:
 }  // namespace
 
 int sendBlocks(const ReplicationSettings& settings, const SendJob& job) {
-    return SingleThreadedPhase(settings, job).run();
+    try {
+        return SingleThreadedPhase(settings, job).run();
+    } catch (const std::exception& e) {
+        LOG_HERE(0, "The send phase failed: %s", e.what());
+        return -1;
+    }
 }

@@ -25,6 +25,11 @@ TracedLock ThreadBuffer::lockEmptyList() {
     return {emptyMutex_, "empty list"};
 }
 
+void ThreadBuffer::signalTotalSent() {
+    LOG_THREAD(6, "signal total sent");
+    totalSentCondition_.notify_one();
+}
+
 int ThreadBuffer::waitTotalSent(TracedLock* totalSentLock) {
     const std::cv_status ended =
         totalSentCondition_.wait_until(totalSentLock->inner(), wholeSecondsFromNow(timeoutSeconds));
@@ -33,9 +38,13 @@ int ThreadBuffer::waitTotalSent(TracedLock* totalSentLock) {
     if (result == 0)
         return 0;
     totalSentLock->unlock();
-    const bool stalled = isStalled(blockList.lockAccess());
+    Stall stall = Stall::Running;
+    {
+        TracedLock access = blockList.lockAccess();
+        stall = lookAfterTimeout(&access);
+    }
     totalSentLock->lock();
-    if (!stalled || totalSent >= totalToSend)
+    if (stall != Stall::Dead || totalSent >= totalToSend)
         return 0;
     LOG_HERE(0, "Deadlock detected. %d waiting threads, %d total threads", waitingThreads(), totalThreads);
     return -1;
@@ -61,6 +70,7 @@ void ThreadBuffer::putFull(WorkBuffer* buffer) {
         fullList_.push_back(buffer);
         ++moves_;
     }
+    LOG_THREAD(6, "signal full list");
     fullCondition_.notify_one();
 }
 
@@ -70,6 +80,7 @@ void ThreadBuffer::putEmpty(WorkBuffer* buffer) {
         emptyList_.push_back(buffer);
         ++moves_;
     }
+    LOG_THREAD(6, "signal empty list");
     emptyCondition_.notify_one();
 }
 
@@ -134,18 +145,28 @@ std::int32_t ThreadBuffer::waitingThreads() {
     return count;
 }
 
-bool ThreadBuffer::isStalled(const TracedLock&) {
-    const std::uint64_t movesBefore = moves_;
-    if (waitingThreads() != totalThreads)
-        return false;
-    bool canMove = blockList.waiting() > 0 && blockList.remaining() > 0;
-    {
-        const TracedLock lock = lockFullList();
-        canMove = canMove || !fullList_.empty();
+// Both lists are looked at under both locks, and the block list under its own: nobody who waits can have been given
+// anything in between.
+ThreadBuffer::Stall ThreadBuffer::findStall(const TracedLock&) {
+    const TracedLock full = lockFullList();
+    const TracedLock empty = lockEmptyList();
+    if (waitingFull_ + waitingEmpty_ + blockList.waiting() != totalThreads)
+        return Stall::Running;
+    const bool canMove = (blockList.waiting() > 0 && blockList.remaining() > 0) || !fullList_.empty() ||
+                         (waitingEmpty_ > 0 && !emptyList_.empty());
+    return canMove ? Stall::Waking : Stall::Dead;
+}
+
+ThreadBuffer::Stall ThreadBuffer::lookAfterTimeout(TracedLock* access) {
+    const Stall stall = findStall(*access);
+    const std::uint64_t moves = moves_;
+    const bool isStuck = stall == Stall::Waking && movesWhenWaking_ == moves;
+    movesWhenWaking_ = stall == Stall::Waking ? std::optional(moves) : std::nullopt;
+    if (isStuck) {
+        LOG_HERE(0, "All %d threads wait and none has moved since the last look: they are woken", totalThreads);
+        access->unlock();
+        wakeAll();
+        access->lock();
     }
-    {
-        const TracedLock lock = lockEmptyList();
-        canMove = canMove || (waitingEmpty_ > 0 && !emptyList_.empty());
-    }
-    return !canMove && moves_ == movesBefore;
+    return stall;
 }

@@ -1,8 +1,8 @@
 // threadBuffer.h - what the threads of a send phase share: lists, locks, counters and the exit code.
 //
-// Locks, in the order taken: block list access; then any one of full list, empty list, total sent, exit or read, each a
-// leaf that is given up before the next. Only the block list's access lock is held across a request. wakeAll takes the
-// mutex of each condition for a moment, so it is never called with one of them held.
+// Locks, in the order taken: block list access, total sent, full list, empty list; exit and read are leaves. Only the
+// block list's access lock is held across a request. wakeAll takes the mutex of each condition for a moment, so it is
+// never called with one of them held.
 // Units: bytes, blocks, seconds.
 #pragma once
 
@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,7 @@ public:
 
     // Waits for a signal until now + timeoutSeconds. -1 if none came and the threads are stalled, else 0.
     [[nodiscard]] int waitTotalSent(TracedLock* totalSentLock);
-    void signalTotalSent() { totalSentCondition_.notify_one(); }
+    void signalTotalSent();
 
     void waitFullList(TracedLock* fullLock);  // at most timeoutSeconds + 1
     void waitEmptyList(TracedLock* emptyLock);
@@ -60,9 +61,16 @@ public:
     // How many of the threads wait for another one just now.
     [[nodiscard]] std::int32_t waitingThreads();
 
-    // Whether all threads wait and none of them has anything to wake up for. One that was signalled and hasn't run yet
-    // counts as waiting, so their number alone doesn't tell. The block list's access lock is held.
-    [[nodiscard]] bool isStalled(const TracedLock& access);
+    // Running: some thread runs. Waking: all wait, but one has something to wake up for; it was signalled and hasn't
+    // run yet, or the signal was lost. Dead: all wait and none ever will.
+    enum class Stall { Running, Waking, Dead };
+    // What the threads are at, seen at one moment. The block list's access lock is held.
+    [[nodiscard]] Stall findStall(const TracedLock& access);
+
+    // The same after a wait that ended by its limit. Threads that were found waking at the last such look too, and
+    // have moved nothing since, are woken: a lost signal costs time and no more. The access lock, which is held, is
+    // given up for that.
+    Stall lookAfterTimeout(TracedLock* access);
 
     const ReplicationSettings& settings;
     const SendJob& job;
@@ -89,7 +97,8 @@ private:
     std::condition_variable emptyCondition_;
     std::deque<WorkBuffer*> emptyList_;
     std::int32_t waitingEmpty_ = 0;
-    std::atomic<std::uint64_t> moves_ = 0;  // of buffers, in or out of a list
+    std::atomic<std::uint64_t> moves_ = 0;          // of buffers, in or out of a list
+    std::optional<std::uint64_t> movesWhenWaking_;  // the meta thread's: at its last look, if that found them waking
     std::mutex exitMutex_;
     std::int32_t exitCode_ = PHASE_RUNNING;
 };

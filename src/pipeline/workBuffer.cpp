@@ -36,7 +36,7 @@ void WorkBuffer::beginReading(std::span<hashReferenceInfo> records, std::span<co
         const std::uint64_t length = sendInfo[i].remaining;
         if (length == 0)
             continue;
-        if (length >= capacity_ || used + BLOCK_HEADER_SIZE + length >= capacity_)
+        if (!fits(used, length))
             break;
         used += BLOCK_HEADER_SIZE + length;
         wanted.push_back(&records[i]);
@@ -49,19 +49,18 @@ void WorkBuffer::endReading() {
     withdrawHashedContents(&readContext_);
 }
 
-int WorkBuffer::addBlock(hashReferenceInfo* record, std::mutex* readLock) {
+WorkBuffer::Added WorkBuffer::addBlock(hashReferenceInfo* record, std::mutex* readLock) {
     if (largeBlock_) {
         LOG_THREAD(6, "Large block already added. Return full");
         return Full;
     }
     const std::uint64_t length = record->hashedLength;
-    const bool fitsAlone = capacity_ >= BLOCK_HEADER_SIZE && length <= capacity_ - BLOCK_HEADER_SIZE;
-    if (blocks_ == 0 && !fitsAlone) {
+    if (blocks_ == 0 && !fits(0, length)) {
         largeBlock_ = *record;
         blocks_ = 1;
         return Done;
     }
-    if (!fitsAlone || capacity_ <= used_ + length + BLOCK_HEADER_SIZE) {
+    if (!fits(used_, length)) {
         LOG_THREAD(5,
                    "Unabled to add block(%lu) and block-header (%d) to buffer of size:%lu. Buffer already contains:%lu",
                    length, static_cast<int>(BLOCK_HEADER_SIZE), capacity_, used_);
@@ -70,7 +69,7 @@ int WorkBuffer::addBlock(hashReferenceInfo* record, std::mutex* readLock) {
     return readBlock(record, readLock);
 }
 
-int WorkBuffer::readBlock(hashReferenceInfo* record, std::mutex* readLock) {
+WorkBuffer::Added WorkBuffer::readBlock(hashReferenceInfo* record, std::mutex* readLock) {
     const std::uint64_t length = record->hashedLength;
     const std::span<std::byte> place(data_.get() + used_, BLOCK_HEADER_SIZE + length);
     writeBlockHeader(*record, place.first(BLOCK_HEADER_SIZE));

@@ -29,9 +29,9 @@ public:
                       std::mutex* readLock);
     void endReading();
 
-    // Reads a block behind those that are there, under `readLock`. One that could never fit makes this the buffer of
-    // that block alone; it is read while it is sent. Returns an Added.
-    [[nodiscard]] int addBlock(hashReferenceInfo* record, std::mutex* readLock);
+    // Reads a block behind those that are there, under `readLock`. One that doesn't fit an empty buffer makes this the
+    // buffer of that block alone; it is read while it is sent.
+    [[nodiscard]] Added addBlock(hashReferenceInfo* record, std::mutex* readLock);
 
     // Posts the contents. Returns 0 or a negative code; *curlStatus is libcurl's.
     [[nodiscard]] int sendMultiBlock(const std::string& url, std::int64_t backupNo, int* curlStatus,
@@ -45,7 +45,11 @@ public:
     [[nodiscard]] bool hasLargeBlock() const { return largeBlock_.has_value(); }
 
 private:
-    [[nodiscard]] int readBlock(hashReferenceInfo* record, std::mutex* readLock);
+    // Whether a block of that length fits behind `used` bytes. A buffer is never filled to its last byte.
+    [[nodiscard]] bool fits(std::uint64_t used, std::uint64_t length) const {
+        return used + BLOCK_HEADER_SIZE < capacity_ && length < capacity_ - used - BLOCK_HEADER_SIZE;
+    }
+    [[nodiscard]] Added readBlock(hashReferenceInfo* record, std::mutex* readLock);
 
     std::uint64_t capacity_;
     MallocPtr<std::byte> data_;

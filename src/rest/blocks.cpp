@@ -78,6 +78,7 @@ struct LargeBlockSource {
     std::uint64_t length;  // as announced
     std::int32_t sent = 0;
     std::uint64_t windowRemaining = 0;
+    HashedContentsPtr context{};  // kept for the transfer: connection, open file and what was read ahead
 };
 
 void logReadFailure(const LargeBlockSource& source) {
@@ -96,8 +97,8 @@ bool refill(LargeBlockSource* source, std::mutex* readLock) {
     std::unique_lock<std::mutex> guard;
     if (readLock != nullptr)
         guard = std::unique_lock(*readLock);
-    HashedContentsPtr context;
-    const std::int64_t got = readHashedContents(&context, &source->record, source->window.last(chunk), source->sent);
+    const std::int64_t got =
+        readHashedContents(&source->context, &source->record, source->window.last(chunk), source->sent);
     if (got < 1 || static_cast<std::uint64_t>(got) != chunk) {
         logReadFailure(*source);
         return false;

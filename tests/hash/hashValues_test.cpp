@@ -234,15 +234,15 @@ TEST_F(HashValues, AServerThatWasRestartedIsConnectedToAgain) {
 // A statement isn't repeated on a new connection inside a transaction: the locks and the first half are gone.
 TEST_F(HashValues, APutWhoseServerProcessDiesLeavesNothingBehind) {
     catalogue.sql(
-        "CREATE FUNCTION dq.die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN PERFORM "
-        "pg_terminate_backend(pg_backend_pid()); RETURN NULL; END $$; CREATE TRIGGER dies AFTER INSERT ON "
-        "dq.backups_hash_values FOR EACH STATEMENT EXECUTE FUNCTION dq.die()");
+        "CREATE SEQUENCE dq.lives; CREATE FUNCTION dq.die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF "
+        "nextval('dq.lives') = 1 THEN PERFORM pg_terminate_backend(pg_backend_pid()); END IF; RETURN NULL; END $$; "
+        "CREATE TRIGGER dies AFTER INSERT ON dq.backups_hash_values FOR EACH STATEMENT EXECUTE FUNCTION dq.die()");
     HashValuesPtr handle;
     std::vector<hashValue> list = records(0, 3);
     std::vector<hashOffset> offsets = {at(0), at(10), at(20)};
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
     EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.hash_values"), "0");
-    catalogue.sql("DROP FUNCTION dq.die() CASCADE");
+    catalogue.sql("DROP FUNCTION dq.die() CASCADE; DROP SEQUENCE dq.lives");
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
 }
 
