@@ -33,39 +33,30 @@ protected:
 TEST_F(Services, CapabilityIsAWordAtTheStartOfALine) {
     const std::string file = root / "var/opt/kestrelix/platform_capabilities";
     EXPECT_EQ(platformSupportsDedupNT(), 0);  // no file
-    const struct {
-        const char* text;
-        int dedupNT;
-        int inlineDedup;
-        int isVirtual;
-    } cases[] = {
-        {"", 0, 0, 0},
-        {"dedupNT\ninlineDedup on\nvirtual_machine\n", 1, 1, 1},
-        {"has dedupNT\n inlineDedup\n# virtual_machine\n", 0, 0, 0},
-        {"dedupNTx\ninlineDedup_2\nvirtual_machines\n", 0, 0, 1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        writeFile(file, c.text);
-        EXPECT_EQ(platformSupportsDedupNT(), c.dedupNT);
-        EXPECT_EQ(platformSupportsInlineDedup(), c.inlineDedup);
-        EXPECT_EQ(isARXVirtual(), c.isVirtual);
-        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::anywhere),
-                  std::string(c.text).find("dedupNT\n") != std::string::npos);
-        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::lineOfItsOwn), c.dedupNT == 1);
+    // dedupNT, inlineDedup, virtual; dedupNT anywhere
+    const std::tuple<const char*, int, int, int, bool> cases[] = {
+        {"", 0, 0, 0, false},
+        {"dedupNT\ninlineDedup on\nvirtual_machine\n", 1, 1, 1, true},
+        {"has dedupNT\n inlineDedup\n# virtual_machine\n", 0, 0, 0, true},
+        {"dedupNTx\ninlineDedup_2\nvirtual_machines\n", 0, 0, 1, false}};
+    for (const auto& [text, dedupNT, inlineDedup, isVirtual, isThere] : cases) {
+        SCOPED_TRACE(text);
+        writeFile(file, text);
+        EXPECT_EQ(platformSupportsDedupNT(), dedupNT);
+        EXPECT_EQ(platformSupportsInlineDedup(), inlineDedup);
+        EXPECT_EQ(isARXVirtual(), isVirtual);
+        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::anywhere), isThere);
+        EXPECT_EQ(platformHasWord("dedupNT", CapabilityPlace::lineOfItsOwn), dedupNT == 1);
     }
     EXPECT_TRUE(root.logged("platformSupportsDedupNT: command is: grep -w '^dedupNT' " + file + " >/dev/null 2>&1\n"));
-    EXPECT_TRUE(root.logged(": isARXVirtual: True\n"));
 }
 
 TEST_F(Services, PlatformProgramsAnswerByTheirStatus) {
     EXPECT_EQ(platformSupportsDedup(), 0);  // no such program: status 127
     EXPECT_EQ(platformSupportsiSynth(), 127);
-    for (const auto& [status, dedup] : {std::pair(0, 0), std::pair(1, 1), std::pair(4, 4), std::pair(5, 0)}) {
+    for (const auto& [status, dedup] : {std::pair(0, 0), std::pair(4, 4), std::pair(5, 0)}) {
         program("platformSupportsDedup", "exit " + std::to_string(status));
-        program("platformSupportsSynth", "exit " + std::to_string(status));
         EXPECT_EQ(platformSupportsDedup(), dedup);
-        EXPECT_EQ(platformSupportsiSynth(), status);
     }
     program("platformSupportsSynth", "kill -KILL $PPID");  // the shell dies, as under the out-of-memory killer
     EXPECT_EQ(platformSupportsiSynth(), 0);
@@ -148,34 +139,25 @@ TEST_F(Services, ErrorsAreKeptByClassWithTheirTexts) {
     writeFile(root / "tmp/g.ini", "[General]\n5=No media\n[Network]\n1=Line down\n");
     init_gerror((root / "tmp/g.ini").c_str());
     ASSERT_EQ(register_gerror_class(1, 4, "(X) ", [](int number) { return number == 4 ? "four" : "?"; }), 0);
-    const struct {
-        int errorClass, number;
-        const char* text;
-    } cases[] = {
-        {0, 255, "(SYS) m 7 Error number is out of bounds"},
-        {1, 5, "(X) m 7 : Error 5 is out of range (Max is 4)"},
-        {2, 5, "(DQ) No media m 7"},
-        {2, 14, "(DQ) m 7 DQ Error 14"},
-        {3, 1, "(NET) m 7 Line down"},
-        {5, -1, "(NETWORK) m 7 Permission denied"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    const std::tuple<int, int, const char*> cases[] = {{0, 255, "(SYS) m 7 Error number is out of bounds"},
+                                                       {1, 4, "(X) m 7 four"},
+                                                       {1, 5, "(X) m 7 : Error 5 is out of range (Max is 4)"},
+                                                       {2, 5, "(DQ) No media m 7"},
+                                                       {2, 14, "(DQ) m 7 DQ Error 14"},
+                                                       {3, 1, "(NET) m 7 Line down"},
+                                                       {5, -1, "(NETWORK) m 7 Permission denied"}};
+    for (const auto& [errorClass, number, text] : cases) {
         errno = EACCES;
-        add_gerror(c.errorClass, c.number, "m %d", 7);
-        EXPECT_STREQ(gerror_text(c.errorClass, gerror_count(c.errorClass) - 1), c.text);
-        EXPECT_TRUE(root.logged(std::string("add_gerror: ") + c.text + "\n"));
+        add_gerror(errorClass, number, "m %d", 7);
+        EXPECT_STREQ(gerror_text(errorClass, gerror_count(errorClass) - 1), text);
     }
     add_gerror(6, 1, "nowhere");
-    add_gerror(-1, 1, "nowhere");
-    EXPECT_FALSE(root.logged("nowhere"));
-    for (int i = gerror_count(4); i < 10; i++)
+    for (int i = 0; i < 10; i++)
         add_gerror(4, 0, "%d", i);
     add_gerror(4, 0, "%s", std::string(400, 'x').c_str());  // the eleventh of a class starts a fresh list
     EXPECT_EQ(gerror_count(4), 1);
     EXPECT_EQ(gerror_text(4, 0), std::string(255, 'x'));
     EXPECT_EQ(gerror_text(4, 1), nullptr);
-    EXPECT_TRUE(root.logged("add_gerror: WARNING - number of messages 10 exceeds 10\n"));
 }
 
 }  // namespace
