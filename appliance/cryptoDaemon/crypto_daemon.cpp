@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <openssl/rand.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,6 +89,8 @@ int main(int argc, char** argv) {
             continue;
         return keyservice::usage(key == 'h' ? 0 : 2);
     }
+    const rlimit none{0, 0};
+    (void)setrlimit(RLIMIT_CORE, &none);  // no dump of this process may hold its keys
     const sigset_t stop = signalSet({SIGTERM, SIGINT});
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);  // read from a descriptor instead
     set_program_name("cryptoDaemon");

@@ -48,6 +48,11 @@ Server::Server(const KeyStore& keys, const Ticket& ticket, std::uint16_t port)
     port_ = ntohs(address.sin_port);
 }
 
+Server::Connection::~Connection() {
+    OPENSSL_cleanse(reply.data(), reply.size());
+    OPENSSL_cleanse(received.data(), received.size());
+}
+
 void Server::run(int stop) {
     for (;;) {
         std::vector<pollfd> entries = {{stop, POLLIN, 0},
@@ -90,8 +95,7 @@ void Server::acceptOne() {
     }
     const int on = 1;
     (void)setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // an optimisation only
-    connections_.push_back(
-        {std::move(socket), Session(keys_, ticket_), {}, {}, 0, false, Clock::now() + EXCHANGE_LIMIT});
+    connections_.emplace_back(std::move(socket), Session(keys_, ticket_), Clock::now() + EXCHANGE_LIMIT);
 }
 
 bool Server::serve(Connection* connection, short events) {

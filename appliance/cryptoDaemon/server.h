@@ -36,6 +36,12 @@ private:
         std::size_t sent = 0;
         bool isEnding = false;  // after the reply, waits for the client to go
         Clock::time_point deadline;
+
+        Connection(FileDescriptor client, Session own, Clock::time_point limit)
+            : socket(std::move(client)), session(std::move(own)), deadline(limit) {}
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
+        ~Connection();  // wipes what it has, which may be a key that wasn't fetched
     };
 
     void acceptOne();

@@ -104,11 +104,8 @@ std::string Session::answer(Bytes request) {
             return wordReply(STATUS_RUNNING | STATUS_INITIALIZED | STATUS_READY);
         case wire::GET_TOKEN:
             return token();
-        case wire::GET_KEY: {
-            const auto& bytes = key().bytes;
-            std::string reply = wordReply(static_cast<std::uint32_t>(bytes.size()));
-            return reply.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        }
+        case wire::GET_KEY:
+            return keyReply();
         default:  // the two that are left
             return chunk(request);
     }
@@ -149,6 +146,15 @@ std::string Session::chunk(Bytes request) {
                                                                  sessionKey.bytes.data(), keyLength) != 0)
         throw Refused("the cipher failed");
     sequence_ = sequence;
+    return reply;
+}
+
+// In one piece of memory from the start: one that grew would leave the key behind.
+std::string Session::keyReply() const {
+    const auto& bytes = key().bytes;
+    std::string reply = goodReply(wire::WORD_REPLY_SIZE + bytes.size());
+    wire::put(bytesOf(reply), wire::WORD, static_cast<std::uint32_t>(bytes.size()));
+    std::memcpy(reply.data() + wire::WORD_REPLY_SIZE, bytes.data(), bytes.size());
     return reply;
 }
 

@@ -33,6 +33,7 @@ private:
     void open(const Key& key);
     [[nodiscard]] const Key& key() const;
     [[nodiscard]] std::string chunk(Bytes request);
+    [[nodiscard]] std::string keyReply() const;
     [[nodiscard]] std::string token() const;
     [[nodiscard]] Key keyOfToken(Bytes request) const;
 

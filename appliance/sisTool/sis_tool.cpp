@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/text.h"
 #include "common/digest.h"
 #include "common/tool.h"
 #include "config/services.h"
@@ -115,21 +116,31 @@ const char* faultOf(SISPtr* store, const hashValue& record) {
                                                                              : "has other bytes than its name";
 }
 
-// The records of one batch of the catalogue, in the order of their places.
-std::vector<hashValue> recordsFrom(std::uint64_t offset, HashValuesPtr* hashes) {
-    const PgResultPtr rows = tool::need(pgVExec("SELECT hash_id FROM dq.hash_values WHERE sis_offset >= %lu ORDER BY "
-                                                "sis_offset, hash_id LIMIT %zu",
-                                                offset, LIST_BATCH),
-                                        "list the store's blocks");
-    std::vector<hashValue> records(static_cast<std::size_t>(pgTuples(rows.get())));
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        records[i].flags = hashID_in;
-        records[i].hashID = pgUVal(rows.get(), static_cast<int>(i), "hash_id");
+// One batch of the store's blocks, in the order of their places: those behind the one that ended the batch before.
+struct Batch {
+    std::vector<hashValue> records;
+    bool isLast = true;
+    std::string end;  // of its last row, in terms of the statement
+};
+Batch batchBehind(const std::string& end, HashValuesPtr* hashes) {
+    const PgResultPtr rows =
+        tool::need(pgVExec("SELECT hash_id, sis_offset FROM dq.hash_values WHERE sis_offset >= 0 "
+                           "AND (sis_offset, hash_id) > (%s) ORDER BY sis_offset, hash_id LIMIT %zu",
+                           end.c_str(), LIST_BATCH),
+                   "list the store's blocks");
+    Batch batch;
+    batch.records.resize(static_cast<std::size_t>(pgTuples(rows.get())));
+    for (std::size_t i = 0; i < batch.records.size(); ++i) {
+        batch.records[i].flags = hashID_in;
+        batch.records[i].hashID = pgUVal(rows.get(), static_cast<int>(i), "hash_id");
+        batch.end =
+            formatString("%lu, %lu", pgUVal(rows.get(), static_cast<int>(i), "sis_offset"), batch.records[i].hashID);
     }
-    if (!records.empty() && getHashValues(hashes, records) == -1)
+    batch.isLast = batch.records.size() < LIST_BATCH;
+    if (!batch.records.empty() && getHashValues(hashes, batch.records) == -1)
         throw std::runtime_error("the store's blocks can't be looked up");
-    std::erase_if(records, [](const hashValue& record) { return (record.flags & SISoffset_out) == 0; });
-    return records;
+    std::erase_if(batch.records, [](const hashValue& record) { return (record.flags & SISoffset_out) == 0; });
+    return batch;
 }
 
 int verify() {
@@ -138,11 +149,10 @@ int verify() {
     std::uint64_t blocks = 0;
     std::uint64_t bytes = 0;
     std::uint64_t wrong = 0;
-    for (std::uint64_t next = 0;;) {
-        const std::vector<hashValue> records = recordsFrom(next, &hashes);
-        if (records.empty())
-            break;
-        for (const hashValue& record : records) {
+    Batch batch;
+    for (batch.end = "-1, 0", batch.isLast = false; !batch.isLast;) {
+        batch = batchBehind(batch.end, &hashes);
+        for (const hashValue& record : batch.records) {
             ++blocks;
             bytes += record.hashedLength;
             const char* const fault = faultOf(&store, record);
@@ -151,7 +161,6 @@ int verify() {
             ++wrong;
             printf("block %lu at 0x%lX, %lu bytes, %s\n", record.hashID, record.SISoffset, record.hashedLength, fault);
         }
-        next = records.back().SISoffset + 1;
     }
     printf("%lu blocks of %lu bytes, %lu wrong\n", blocks, bytes, wrong);
     return wrong == 0 ? 0 : EXIT_WRONG;

@@ -83,6 +83,25 @@ int currentState(std::uint16_t* port, Ticket* ticket, CDlibResult* result) {
     return 0;
 }
 
+// A signal doesn't end an attempt to connect: it goes on, and its end shows on the socket. 0, or -1 with errno.
+int connectTo(int socket, const sockaddr_in& address) {
+    if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return 0;
+    if (errno != EINTR)
+        return -1;
+    pollfd entry{socket, POLLOUT, 0};
+    int ready;
+    do
+        ready = poll(&entry, 1, static_cast<int>(TRANSFER_LIMIT.tv_sec) * 1000);
+    while (ready == -1 && errno == EINTR);
+    int error = ETIMEDOUT;
+    socklen_t size = sizeof error;
+    if (ready == -1 || (ready > 0 && getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == -1))
+        return -1;
+    errno = error;
+    return error == 0 ? 0 : -1;
+}
+
 // One call of a transfer: the bytes done, 0 if the other end closed or time ran out (a short transfer, no error), or -1
 // with errno.
 template <typename Call>
@@ -131,7 +150,7 @@ int CDlibConnect(FileDescriptor* socket, Ticket* ticket, CDlibResult* result) {
         setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &TRANSFER_LIMIT, sizeof TRANSFER_LIMIT) == -1 ||
         setsockopt(made.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == -1)
         return setResult(result, -1, "Can't create socket to CryptoDaemon: %s", strerror(errno));
-    if (connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+    if (connectTo(made.get(), address) == -1)
         return setResult(result, -1, "Can't connect to CryptoDaemon: %s", strerror(errno));
     *socket = std::move(made);
     return setResult(result, 0, "connection opened");

@@ -1,49 +1,45 @@
-// Who ciphers: the service, a card (through the service), or this process.
+// Who ciphers: the service or this process.
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
+#include <sstream>
 
 #include "base/paths.h"
 #include "base/run_command.h"
 #include "config/directories.h"
 #include "config/ini.h"
+#include "config/services.h"
 #include "crypto/libCryptoDaemon_internal.h"
 #include "log/logger.h"
 
 namespace {
 
-constexpr int REQUIRED_THREADS = 2;        // below that, ciphering takes too much from everything else
-constexpr unsigned CARD_AES256_ECB = 0x8;  // of its capabilities
+constexpr int REQUIRED_THREADS = 2;  // below that, ciphering takes too much from everything else
 
 std::atomic<bool> g_softwareWorks = false;
 
-// The driver's requests are known only where its header is installed, which is on no machine that this was built on: a
-// card that can't be asked isn't used.
-int askInstalledCard(int, unsigned*, unsigned*) {
-    return -1;
+// A card can only be asked by its driver's header, which is on no machine that this was built on: it isn't used.
+void reportCard() {
+    const FileDescriptor card(open(systemPath(paths::CIPHER_CARD).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (card.isOpen())
+        LOG_HERE(2, "/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n");
 }
 
-bool hasUsableCard(const CipherPlatform& platform) {
-    const FileDescriptor card(open(systemPath(paths::CIPHER_CARD).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    if (!card.isOpen())
-        return false;
-    unsigned version = 0;
-    unsigned capabilities = 0;
-    if (platform.askCard(card.get(), &version, &capabilities) == -1 || (capabilities & CARD_AES256_ECB) == 0) {
-        LOG_HERE(2, "/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n");
-        return false;
-    }
-    LOG_HERE(2, "using rx9 version: 0x%X (0x%X)\n", version, capabilities);
-    return true;
+// The start of a small file of text; empty if it can't be read.
+std::istringstream textOf(const std::string& path) {
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text(65536, '\0');
+    const int got = safe_read(file.get(), text.data(), static_cast<int>(text.size()));
+    return std::istringstream(text.substr(0, static_cast<std::size_t>(std::max(got, 0))));
 }
 
 int countThreads(const std::string& interrupts) {
     std::string line;
-    std::ifstream file(interrupts);
-    std::getline(file, line);
+    std::istringstream text = textOf(interrupts);
+    std::getline(text, line);
     int count = 0;
     for (std::size_t at = line.find("CPU"); at != std::string::npos; at = line.find("CPU", at + 3))
         ++count;
@@ -51,8 +47,8 @@ int countThreads(const std::string& interrupts) {
 }
 
 bool encryptionIsEnabled() {
-    std::ifstream file(systemPath(paths::PLATFORM_CAPABILITIES));
-    for (std::string line; std::getline(file, line);) {
+    std::istringstream text = textOf(systemPath(paths::PLATFORM_CAPABILITIES));
+    for (std::string line; std::getline(text, line);) {
         const std::size_t first = line.find_first_not_of(" \t\r");
         if (first != std::string::npos &&
             line.substr(first, line.find_last_not_of(" \t\r") - first + 1) == "encryption")
@@ -87,26 +83,21 @@ bool ciphersInline() {
 
 }  // namespace
 
-CipherPlatform::CipherPlatform() : askCard(askInstalledCard) {}
-
-CipherPlace cryptoAvailable(const CipherPlatform& platform, CDlibResult* result) {
+bool cryptoAvailable(const std::string& interrupts, CDlibResult* result) {
     if (g_softwareWorks)
-        return CipherPlace::Process;
-    if (hasUsableCard(platform)) {
-        setResult(result, 0, "Using hardware:  found card");
-        return CipherPlace::Card;
-    }
-    const int threads = countThreads(platform.interrupts);
+        return true;
+    reportCard();
+    const int threads = countThreads(interrupts);
     if (threads >= REQUIRED_THREADS) {
         setResult(result, 0, "Using software:  found %d threads", threads);
     } else if (encryptionIsEnabled()) {
         setResult(result, 0, "Using software: enabled");
     } else {
         setResult(result, 0, "No hardware and no software; only %d of %d required threads", threads, REQUIRED_THREADS);
-        return CipherPlace::Service;
+        return false;
     }
     g_softwareWorks = true;
-    return CipherPlace::Process;
+    return true;
 }
 
 void forgetCipherPlace() {
@@ -114,6 +105,6 @@ void forgetCipherPlace() {
 }
 
 void CDlibInit(CDlibData* data, CDlibResult* result) {
-    data->doOurOwnCryption = ciphersInline() && cryptoAvailable(CipherPlatform(), result) == CipherPlace::Process;
+    data->doOurOwnCryption = ciphersInline() && cryptoAvailable("/proc/interrupts", result);
     LOG_HERE(3, "CDlibInit returned with doOurOwnCryption set at: %d\n", data->doOurOwnCryption ? 1 : 0);
 }

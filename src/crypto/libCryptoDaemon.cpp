@@ -50,13 +50,16 @@ int readReply(int socket, std::span<std::byte> reply, const char* shortText, CDl
     return got == static_cast<ssize_t>(reply.size()) ? 0 : setResult(result, -1, "%s", shortText);
 }
 
-// The head and ticket of a request that needs them, with `size` bytes in all.
-std::vector<std::byte> ticketedRequest(wire::Operation operation, const Ticket& ticket, std::size_t size) {
-    std::vector<std::byte> request(size);
-    putHead(request.data(), operation);
-    std::memcpy(request.data() + wire::TICKET, ticket.data(), ticket.size());
-    return request;
-}
+// A request that holds a ticket.
+struct TicketedRequest : std::vector<std::byte> {
+    TicketedRequest(wire::Operation operation, const Ticket& ticket, std::size_t size) : vector(size) {
+        putHead(data(), operation);
+        std::memcpy(data() + wire::TICKET, ticket.data(), ticket.size());
+    }
+    TicketedRequest(const TicketedRequest&) = delete;
+    TicketedRequest& operator=(const TicketedRequest&) = delete;
+    ~TicketedRequest() { OPENSSL_cleanse(data(), size()); }
+};
 
 int fetchKey(CDlibData* data, CDlibResult* result) {
     std::byte request[wire::HEAD_SIZE] = {};
@@ -84,12 +87,11 @@ int openSession(CDlibData* data, Bytes token, CDlibResult* result) {
     int rc = CDlibConnect(&data->socket, &ticket, result);
     if (rc != 0)
         return rc;
-    std::vector<std::byte> request;
+    const bool isNew = token.empty();
+    TicketedRequest request(isNew ? wire::OPEN_WITH_ARCHIVE_KEY : wire::OPEN_WITH_TOKEN, ticket,
+                            isNew ? wire::TICKETED_SIZE : wire::TOKEN_REQUEST_SIZE);
     Bytes payload;
-    if (token.empty()) {
-        request = ticketedRequest(wire::OPEN_WITH_ARCHIVE_KEY, ticket, wire::TICKETED_SIZE);
-    } else {
-        request = ticketedRequest(wire::OPEN_WITH_TOKEN, ticket, wire::TOKEN_REQUEST_SIZE);
+    if (!isNew) {
         payload = token.subspan(wire::TOKEN_HEADER_SIZE);
         wire::put(request.data(), wire::TOKEN_REQUEST_LENGTH, static_cast<std::uint32_t>(payload.size()));
         std::memcpy(request.data() + wire::TOKEN_REQUEST_HEADER, token.data(), wire::TOKEN_HEADER_SIZE);
@@ -282,7 +284,7 @@ int CDgetStatusBitmask(unsigned* mask, CDlibResult* result) {
     if (rc != 0)
         return rc;
     std::byte reply[wire::WORD_REPLY_SIZE] = {};
-    rc = sendRequest(socket.get(), ticketedRequest(wire::GET_STATUS, ticket, wire::TICKETED_SIZE), {}, result);
+    rc = sendRequest(socket.get(), TicketedRequest(wire::GET_STATUS, ticket, wire::TICKETED_SIZE), {}, result);
     if (rc == 0)
         rc = readReply(socket.get(), reply, "short response", result);
     if (rc == 0)

@@ -1,6 +1,8 @@
 // libCryptoDaemon_internal.h - how a session reaches the service, and who does its cipher work.
 #pragma once
 
+#include <openssl/crypto.h>
+
 #include <array>
 #include <span>
 #include <string>
@@ -22,7 +24,13 @@ struct CDlibData {
     ChunkCipher decryption;
 };
 
-using Ticket = std::array<std::byte, wire::TICKET_SIZE>;
+// Opens sessions for whoever has it, so its copies are wiped.
+struct Ticket : std::array<std::byte, wire::TICKET_SIZE> {
+    Ticket() : array{} {}
+    Ticket(const Ticket&) = default;
+    Ticket& operator=(const Ticket&) = default;
+    ~Ticket() { OPENSSL_cleanse(data(), size()); }
+};
 
 // Fills in a result made on this side; the text is cut to fit. Returns `status`.
 [[gnu::format(printf, 3, 4)]] int setResult(CDlibResult* result, int status, const char* format, ...);
@@ -42,19 +50,9 @@ using Ticket = std::array<std::byte, wire::TICKET_SIZE>;
 // one it waits a second at most. Returns as receiveAll does.
 [[nodiscard]] ssize_t receiveRecord(int socket, std::span<std::byte> record);
 
-// Where a session's cipher work is done.
-enum class CipherPlace { Service, Card, Process };
-
-// What the machine is asked, so that tests can answer.
-struct CipherPlatform {
-    std::string interrupts = "/proc/interrupts";
-    // Asks an open card for its driver's version and capabilities; -1 if that can't be done.
-    int (*askCard)(int card, unsigned* version, unsigned* capabilities);
-    CipherPlatform();
-};
-
-// Chooses and puts the reason in the result's text. Software that was found working once is kept for the process.
-[[nodiscard]] CipherPlace cryptoAvailable(const CipherPlatform& platform, CDlibResult* result);
+// Whether this process can do a session's cipher work itself; the service does it otherwise. Puts the reason in the
+// result's text. Software that was found working once is kept for the process. The file is /proc/interrupts.
+[[nodiscard]] bool cryptoAvailable(const std::string& interrupts, CDlibResult* result);
 void forgetCipherPlace();  // for tests
 
 // Settles a new session's doOurOwnCryption.

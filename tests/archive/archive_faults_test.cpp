@@ -100,15 +100,13 @@ TEST_F(ArchiveFaults, WhatFollowsAFailedReadBelongsToThePosition) {
     log_level = 0;
     const std::string bytes = contentOf(Content::mixed, SIZE);
     for (const Kind& kind : KINDS) {
-        configure(kind.engine, "");
+        configure(kind.engine, "devbufsize_archiverw=131072\n");
         makeBackup(bytes, kind.properties);
         for (const std::uint64_t direct : {std::uint64_t{0}, ARCHIVE_DIRECT_IO}) {
-            bool hasFailed = true;
-            for (int n = 1; hasFailed && !HasFailure(); ++n) {
+            for (int n = 1; n == 1 || (g_reads.calls >= n - 1 && !HasFailure()); ++n) {
                 SCOPED_TRACE(std::string(kind.engine) + " " + std::to_string(kind.properties | direct) + " read " +
                              std::to_string(n));
-                const ArchiveFilterPtr filter = openWatched(kind.properties | direct, n);
-                hasFailed = walk(filter.get(), bytes);
+                (void)walk(openWatched(kind.properties | direct, n).get(), bytes);
             }
             EXPECT_FALSE(walk(openWatched(kind.properties | direct, 0, true).get(), bytes)) << "rough reads";
         }

@@ -1,11 +1,14 @@
 // The cipher and the whole road, with the real key service and the openssl command as the judge.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -19,16 +22,6 @@ namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string hex(const std::byte* bytes, std::size_t count) {
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
-        char pair[3];
-        (void)snprintf(pair, sizeof pair, "%02x", std::to_integer<unsigned>(bytes[i]));
-        text += pair;
-    }
-    return text;
-}
 
 class Service : public CryptoTest {
 protected:
@@ -49,8 +42,8 @@ protected:
     std::string openssl(const char* direction, const std::string& in) {
         writeFile(root / "in", in);
         const std::string command = std::string("openssl enc -aes-256-ecb -nopad ") + direction + " -K " +
-                                    hex(context.session->key.data(), 32) + " -in " + (root / "in").string() + " -out " +
-                                    (root / "out").string();
+                                    hexOf(std::span(context.session->key).first(32)) + " -in " +
+                                    (root / "in").string() + " -out " + (root / "out").string();
         EXPECT_EQ(runCommand(command), 0);
         return readFile(root / "out");
     }
@@ -179,13 +172,13 @@ TEST_F(Service, AnswersRequestsInPiecesAndRefusesBadOnes) {
         SCOPED_TRACE(c.what);
         const FileDescriptor socket = connectRaw(&t);
         // In small pieces at first, then at once.
-        const std::span<const std::byte> bytes = std::as_bytes(std::span(c.request));
+        const std::span<const std::byte> bytes = bytesOf(c.request);
         const std::size_t slow = std::min<std::size_t>(bytes.size(), 20);
         for (std::size_t i = 0; i < slow; ++i)
             ASSERT_EQ(sendAll(socket.get(), bytes.subspan(i, 1)), 1);
         (void)sendAll(socket.get(), bytes.subspan(slow));  // may be cut short by the refusal
         std::string reply(c.before + 81, '\0');
-        const ssize_t got = receiveAll(socket.get(), std::as_writable_bytes(std::span(reply)));
+        const ssize_t got = receiveAll(socket.get(), roomOf(reply));
         ASSERT_EQ(got, static_cast<ssize_t>(c.before + 80)) << "the refusal is the last";
         reply.pop_back();
         EXPECT_EQ(reply.substr(c.before), resultRecord(-1, c.text));
@@ -197,9 +190,9 @@ TEST_F(Service, AnswersRequestsInPiecesAndRefusesBadOnes) {
     for (int i = 0; i < 3; ++i) {
         const FileDescriptor socket = connectRaw(&t);
         const std::string whole = *openings[i] + chunk;
-        ASSERT_GT(sendAll(socket.get(), std::as_bytes(std::span(whole))), 0);
+        ASSERT_GT(sendAll(socket.get(), bytesOf(whole)), 0);
         replies[i].resize(80 + 128);
-        EXPECT_EQ(receiveAll(socket.get(), std::as_writable_bytes(std::span(replies[i]))), 208);
+        EXPECT_EQ(receiveAll(socket.get(), roomOf(replies[i])), 208);
     }
     EXPECT_TRUE(replies[0] == replies[1] && replies[0] != replies[2]);
     expectAlive();
@@ -215,13 +208,10 @@ TEST_F(Service, OutlivesClientsThatDieInTheMiddle) {
         const pid_t child = fork();
         if (child == 0) {
             const std::string data = noise(1 << 20, 1);
-            if (CDlibInitCryptWithArchiveKey(&context, &result) != 0)
-                _exit(1);
-            for (;;) {
-                (void)crypt(CDLIB_ENCRYPT, data);
-                if (write(ready[1], "x", 1) != 1)
-                    _exit(1);
-            }
+            bool goesOn = CDlibInitCryptWithArchiveKey(&context, &result) == 0;
+            while (goesOn && crypt(CDLIB_ENCRYPT, data).size() == data.size())
+                goesOn = write(ready[1], "x", 1) == 1;
+            _exit(1);
         }
         char byte = 0;
         close(ready[1]);
@@ -231,13 +221,45 @@ TEST_F(Service, OutlivesClientsThatDieInTheMiddle) {
         close(ready[0]);
         std::string t;  // and one that goes behind half a request
         const FileDescriptor half = connectRaw(&t);
-        EXPECT_EQ(sendAll(half.get(), std::as_bytes(std::span(t))), 512);
+        EXPECT_EQ(sendAll(half.get(), bytesOf(t)), 512);
     }
     expectAlive();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (holdings() > before && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_LE(holdings(), before);
+    EXPECT_TRUE(comesTrue([&] { return holdings() <= before; }));
+}
+
+// A session that has the key of this one's ciphers must have it alone, and nobody once it has ended.
+TEST_F(Service, AKeyGoesWithItsSession) {
+    const FileDescriptor memory(
+        ::open(("/proc/" + std::to_string(service.pid()) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!memory.isOpen())
+        GTEST_SKIP() << "needs the right to look into the service";
+    open(false);
+    std::array<std::byte, 32> masked;  // so that this program's own memory is no matter
+    std::ranges::transform(std::span(context.session->key).first(32), masked.begin(),
+                           [](std::byte b) { return b ^ std::byte{0x5a}; });
+    const auto copies = [&] {
+        std::ifstream maps("/proc/" + std::to_string(service.pid()) + "/maps");
+        int count = 0;
+        for (std::string line; std::getline(maps, line);) {
+            unsigned long from = 0, to = 0;
+            char rights[5] = "";
+            if (sscanf(line.c_str(), "%lx-%lx %4s", &from, &to, rights) != 3 || rights[1] != 'w' ||
+                to - from > 64 << 20)
+                continue;
+            std::vector<std::byte> bytes(to - from);
+            bytes.resize(static_cast<std::size_t>(
+                std::max<ssize_t>(0, pread(memory.get(), bytes.data(), bytes.size(), static_cast<off_t>(from)))));
+            const auto isSame = [](std::byte b, std::byte m) { return (b ^ std::byte{0x5a}) == m; };
+            for (auto at = bytes.begin();
+                 (at = std::search(at, bytes.end(), masked.begin(), masked.end(), isSame)) != bytes.end(); ++at)
+                ++count;
+        }
+        return count;
+    };
+    EXPECT_GE(copies(), 1);
+    EXPECT_EQ(crypt(CDLIB_ENCRYPT, noise(64, 1)).size(), 64u);
+    CDlibClose(&context);
+    EXPECT_TRUE(comesTrue([&] { return copies() == 0; })) << copies();
 }
 
 TEST_F(Service, ThatDiesInTheMiddleIsAFailureAndNoHang) {
@@ -245,9 +267,7 @@ TEST_F(Service, ThatDiesInTheMiddleIsAFailureAndNoHang) {
     service.signal(SIGSTOP);
     auto failing = std::async(std::launch::async, [this] {
         std::string data = noise(1 << 20, 1);
-        context.nextDataInPtr = reinterpret_cast<std::byte*>(data.data());
-        context.nextDataOutPtr = reinterpret_cast<std::byte*>(data.data());
-        context.dataInBytes = context.dataOutBytes = data.size();
+        give(data, &data);
         return CDlibCrypt(CDLIB_ENCRYPT, &context, &result);
     });
     EXPECT_EQ(failing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
@@ -272,8 +292,7 @@ TEST_F(CryptoTest, ChunksAreCutToWholeUnitsAndKeysAreChecked) {
     ASSERT_EQ(softwareEncryptChunk(data.data(), &out, data.data(), &in, key, 32), 0);
     EXPECT_EQ(in, 32u);
     EXPECT_EQ(out, 32u);
-    EXPECT_EQ(hex(reinterpret_cast<std::byte*>(data.data()), 32),
-              "f3eed1bdb5d2a03c064b5a7e3db181f8591ccb10d410ed26dc5ba74a31362870");
+    EXPECT_EQ(hexOf(bytesOf(data).first(32)), "f3eed1bdb5d2a03c064b5a7e3db181f8591ccb10d410ed26dc5ba74a31362870");
     EXPECT_EQ(data.substr(32), " and more");
     out = 31;
     EXPECT_EQ(softwareDecryptChunk(data.data(), &out, data.data(), &in, key, 32), 0);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "crypto/libCryptoDaemon_internal.h"
+#include "support/bytes.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
 
@@ -46,14 +47,6 @@ inline std::string textOf(const CDlibResult& result) {
     return {result.text, strnlen(result.text, sizeof result.text)};
 }
 
-// Bytes with no pattern, the same for the same seed.
-inline std::string noise(std::size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>((seed = seed * 1103515245 + 12345) >> 16);
-    return bytes;
-}
-
 class CryptoTest : public ::testing::Test {
 protected:
     CryptoTest() {
@@ -76,13 +69,17 @@ protected:
                        "\n");
     }
 
+    // What the context is to cipher, and where to.
+    void give(const std::string& in, std::string* out) {
+        context.nextDataInPtr = bytesOf(in).data();
+        context.nextDataOutPtr = roomOf(*out).data();
+        context.dataInBytes = in.size();
+        context.dataOutBytes = out->size();
+    }
     // Ciphers all of `in`; what came out.
     std::string crypt(int op, const std::string& in) {
         std::string out(in.size(), '\0');
-        context.nextDataInPtr = reinterpret_cast<const std::byte*>(in.data());
-        context.dataInBytes = in.size();
-        context.nextDataOutPtr = reinterpret_cast<std::byte*>(out.data());
-        context.dataOutBytes = out.size();
+        give(in, &out);
         EXPECT_EQ(CDlibCrypt(op, &context, &result), 0) << textOf(result);
         out.resize(out.size() - context.dataOutBytes);
         return out;

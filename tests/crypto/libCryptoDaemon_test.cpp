@@ -219,31 +219,22 @@ TEST_F(Client, ShowsATokenWhole) {
 
 TEST_F(Client, ChecksWhatItIsToCipher) {
     EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, nullptr, &result), -1);
-    EXPECT_EQ(textOf(result), "NULL pointer");
     EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, nullptr), -1);
     EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), -1);
     EXPECT_EQ(textOf(result), "CDlibData not initialized");
     serveSession([](Peer& peer) { peer.waitForEnd(); });
     ASSERT_EQ(open(), 0);
-    std::byte in[64]{};
-    std::byte out[64]{};
+    std::string data(64, 'x'), part(31, 'x'), none;
     const struct {
         int op;
-        const std::byte* from;
-        std::size_t inBytes;
-        std::byte* to;
-        std::size_t outBytes;
+        const std::string* in;
+        std::string* out;
         const char* text;
-    } cases[] = {
-        {4, nullptr, 64, out, 64, "nextDataInPtr == NULL"}, {4, in, 31, out, 64, "dataInBytes < 32"},
-        {4, in, 64, nullptr, 64, "nextDataOutPtr == NULL"}, {4, in, 64, out, 0, "dataOutBytes <= 0"},
-        {6, in, 64, out, 64, "confused about what to do"},
-    };
+    } cases[] = {{4, &part, &data, "dataInBytes < 32"},
+                 {4, &data, &none, "dataOutBytes <= 0"},
+                 {6, &data, &data, "confused about what to do"}};
     for (const auto& c : cases) {
-        context.nextDataInPtr = c.from;
-        context.dataInBytes = c.inBytes;
-        context.nextDataOutPtr = c.to;
-        context.dataOutBytes = c.outBytes;
+        give(*c.in, c.out);
         EXPECT_EQ(CDlibCrypt(c.op, &context, &result), -1);
         EXPECT_EQ(textOf(result), c.text);
     }
@@ -300,9 +291,7 @@ TEST_F(Client, RefusesAChunkThatIsNotTheAnswer) {
         });
         ASSERT_EQ(open(), 0);
         std::string data = noise(64, 2);
-        context.nextDataInPtr = reinterpret_cast<std::byte*>(data.data());
-        context.nextDataOutPtr = reinterpret_cast<std::byte*>(data.data());
-        context.dataInBytes = context.dataOutBytes = 64;
+        give(data, &data);
         EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), c.code);
         EXPECT_EQ(textOf(result), c.text);
         EXPECT_EQ(context.dataInBytes, 64u) << "nothing counts as done";
@@ -312,64 +301,29 @@ TEST_F(Client, RefusesAChunkThatIsNotTheAnswer) {
     }
 }
 
-// How the machine is asked where the ciphering is done.
-TEST_F(CryptoTest, PlacesTheCipher) {
-    const auto askGoodCard = [](int, unsigned* version, unsigned* capabilities) {
-        *version = 0x12;
-        *capabilities = 0x18;
-        return 0;
-    };
-    const auto askOtherCard = [](int, unsigned* version, unsigned* capabilities) {
-        *version = 0x12;
-        *capabilities = 0x7;
-        return 0;
-    };
-    using Ask = int (*)(int, unsigned*, unsigned*);
-    const Ask installed = CipherPlatform().askCard;
-    const char* const cannot = "/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n";
+TEST_F(CryptoTest, CiphersItselfWithEnoughThreadsOrIfThatIsEnabled) {
     const struct {
-        const char* what;
-        Ask askCard;  // null: there is no device
         const char* interrupts;
         const char* capabilities;
-        CipherPlace place;
+        bool isInProcess;
         const char* text;
-        const char* log;
     } cases[] = {
-        {"card", askGoodCard, "CPU0 CPU1", "", CipherPlace::Card, "Using hardware:  found card",
-         "using rx9 version: 0x12 (0x18)\n"},
-        {"card without AES", askOtherCard, " CPU0 CPU1\nCPU2", "", CipherPlace::Process,
-         "Using software:  found 2 threads", cannot},
-        {"card that can't be asked", installed, "CPU0", "", CipherPlace::Service,
-         "No hardware and no software; only 1 of 2 required threads", cannot},
-        {"threads", nullptr, "  CPU0  CPU1  CPU7", "", CipherPlace::Process, "Using software:  found 3 threads", ""},
-        {"enabled", nullptr, "CPU0", "dedup\nencryption\n", CipherPlace::Process, "Using software: enabled", ""},
-        {"nothing of its own", nullptr, "", "encryption=no\nno encryption\n", CipherPlace::Service,
-         "No hardware and no software; only 0 of 2 required threads", ""},
+        {"  CPU0  CPU1  CPU7", "", true, "Using software:  found 3 threads"},
+        {"CPU0\nCPU1", "dedup\nencryption\n", true, "Using software: enabled"},
+        {"", "encryption=no\nno encryption\n", false, "No hardware and no software; only 0 of 2 required threads"},
     };
-    CipherPlatform platform;
-    platform.interrupts = root / "interrupts";
+    const std::filesystem::path interrupts = root / "interrupts";
+    writeFile(root / "dev/rx9", "");
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
         forgetCipherPlace();
-        root.clearLog();
-        if (c.askCard != nullptr)
-            writeFile(root / "dev/rx9", "");
-        else
-            std::filesystem::remove(root / "dev/rx9");
-        platform.askCard = c.askCard;
-        writeFile(platform.interrupts, c.interrupts);
+        writeFile(interrupts, c.interrupts);
         writeFile(root / "var/opt/kestrelix/platform_capabilities", c.capabilities);
-        EXPECT_EQ(cryptoAvailable(platform, &result), c.place);
+        EXPECT_EQ(cryptoAvailable(interrupts, &result), c.isInProcess);
         EXPECT_EQ(textOf(result), c.text);
-        EXPECT_TRUE(root.logged(c.log));
-        // Software stays chosen; nothing else does.
-        writeFile(platform.interrupts, "");
-        std::filesystem::remove(root / "dev/rx9");
-        writeFile(root / "var/opt/kestrelix/platform_capabilities", "");
-        EXPECT_EQ(cryptoAvailable(platform, &result),
-                  c.place == CipherPlace::Process ? CipherPlace::Process : CipherPlace::Service);
+        std::filesystem::remove(root / "var/opt/kestrelix/platform_capabilities");
+        EXPECT_EQ(cryptoAvailable("/nowhere", &result), c.isInProcess) << "what was chosen once stays";
     }
+    EXPECT_TRUE(root.logged("/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n")) << "and isn't used";
 }
 
 TEST_F(CryptoTest, AsksTheInstalledToolWhenNoConfigurationIsKnown) {

@@ -31,6 +31,15 @@ inline std::span<std::byte> roomOf(std::string& text) {
     return std::as_writable_bytes(std::span(text.data(), text.size()));
 }
 
+// Lower-case hex digits.
+inline std::string hexOf(std::span<const std::byte> bytes) {
+    std::string text;
+    for (const std::byte byte : bytes)
+        for (const auto digit : {byte >> 4, byte & std::byte{15}})
+            text += "0123456789abcdef"[std::to_integer<unsigned>(digit)];
+    return text;
+}
+
 // Whether the condition comes true before a deadline that only a fault reaches.
 template <typename Condition>
 [[nodiscard]] bool comesTrue(Condition condition) {
