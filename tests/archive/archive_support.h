@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "archive/archiverw.h"
-#include "compression/compression_support.h"
+#include "support/compressed.h"
 #include "crypto/libCryptoDaemon_internal.h"
 #include "support/key_service.h"
 

@@ -10,6 +10,7 @@
 
 #include "archive_support.h"
 #include "log/logger.h"
+#include "support/bytes.h"
 
 namespace {
 
@@ -40,12 +41,7 @@ protected:
         CryptContext context;
         CDlibResult result{};
         EXPECT_EQ(CDlibInitCryptWithToken(file.data(), TOKEN, &context, &result), 0);
-        std::string hex;
-        for (std::size_t i = 0; i < 32; ++i) {
-            char digits[3];
-            std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(context.session->key[i]));
-            hex += digits;
-        }
+        const std::string hex = hexOf(std::span(context.session->key).first(32));
         return through(root, file.substr(TOKEN), "openssl enc -d -aes-256-ecb -nopad -K " + hex + " -in in");
     }
 
@@ -261,7 +257,8 @@ TEST_F(ArchiveWriting, WrongUseIsRefused) {
     EXPECT_EQ(archive_write(filter.get(), "abcdef", 6), 6);
     char byte = 0;
     EXPECT_EQ(archive_read(filter.get(), &byte, 1), -1);
-    for (const auto& [offset, whence] : {std::pair{off_t{3}, SEEK_SET}, {off_t{0}, SEEK_END}, {LONG_MAX, SEEK_CUR}}) {
+    for (const auto& [offset, whence] :
+         {std::pair{off_t{3}, SEEK_SET}, {0, SEEK_END}, {LONG_MAX, SEEK_CUR}, {-7, SEEK_CUR}}) {
         EXPECT_EQ(archive_seek(filter.get(), offset, whence), -1);
         EXPECT_EQ(errno, EINVAL);
     }
@@ -278,10 +275,12 @@ TEST_F(ArchiveWriting, WrongUseIsRefused) {
     EXPECT_EQ(archive_close(&filter), -1) << "no whole cipher unit";
     EXPECT_FALSE(filter);
     EXPECT_TRUE(root.logged("3 bytes remain in encryption input buffer"));
-    configure("zlib", "CompressionSegmentKB=3\n");
-    filter = create(ZIPPED);
-    EXPECT_EQ(archive_write(filter.get(), "abc", 3), -1) << "no factor of 10 MB";
-    EXPECT_EQ(archive_close(&filter), -1);
+    for (const char* segment : {"3", "20480"}) {
+        configure("zlib", std::string("CompressionSegmentKB=") + segment + "\n");
+        filter = create(ZIPPED);
+        EXPECT_EQ(archive_write(filter.get(), "abc", 3), -1) << "no factor of 10 MB";
+        EXPECT_EQ(archive_close(&filter), -1);
+    }
 }
 
 }  // namespace

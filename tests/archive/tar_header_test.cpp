@@ -83,26 +83,6 @@ TEST(TarHeader, WhatIsAHeaderAndWhatIsNot) {
     }
 }
 
-TEST(TarHeader, RunsOfRefusalsAreLoggedSparsely) {
-    TestRoot root;
-    ASSERT_TRUE(is_tar(plain().sum().view()));  // ends whatever run came before
-    root.clearLog();
-    const Header bad = plain();
-    for (int i = 0; i < 1100; i++)
-        EXPECT_FALSE(is_tar(bad.view()));
-    const std::string log = root.log();
-    std::size_t lines = 0;
-    for (std::size_t at = 0; (at = log.find("Not a header", at)) != std::string::npos; at++)
-        lines++;
-    EXPECT_EQ(lines, 5u) << log;
-    for (const char* text : {"because checksum\n", "because checksum (repeated 3 times)\n", "(repeated 512 times)\n",
-                             "(repeated 1024 times)\n"})
-        EXPECT_NE(log.find(text), std::string::npos) << text;
-    EXPECT_TRUE(is_tar(plain().sum().view()));
-    EXPECT_FALSE(is_tar(bad.view()));
-    EXPECT_NE(root.log().find("because checksum\n", log.size()), std::string::npos) << "a new run";
-}
-
 TEST(TarHeader, BlankGidNeedsItsKeyWhichIsReadOnce) {
     const Header blank = plain().put(116, " ").sum();
     const auto inAnotherProcess = [&] {

@@ -2,16 +2,16 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <thread>
+#include <memory>
 #include <vector>
 
 #include "base/file_descriptor.h"
-#include "compression/compression_support.h"
+#include "base/releaser.h"
 #include "log/logger.h"
+#include "support/compressed.h"
 
 namespace {
 
@@ -93,69 +93,30 @@ TEST_F(Compression, EmptyInputHasNoBlocksAndTwoEmptyTables) {
 
 TEST_F(Compression, FilesPathsAndDescriptorsServeAsChannels) {
     const std::string data = contentOf(Content::mixed, 700001);
-    for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4}) {
-        const std::string expected = compressed(data, engine);
-        const std::string in = root / "tmp/data";
-        const std::string out = root / "tmp/packed";
-        writeFile(in, data);
-        for (const char* how : {"paths", "files", "descriptors"}) {
-            SCOPED_TRACE(how);
-            const FileDescriptor inFd(open(in.c_str(), O_RDONLY | O_CLOEXEC));
-            const FileDescriptor outFd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-            FILE* const inFile = std::fopen(in.c_str(), "rbe");
-            FILE* const outFile = std::fopen(out.c_str(), "wbe");
-            DqCompressionOptions options;
-            if (*how == 'p') {
-                options.inputPath = in.c_str();
-                options.outputPath = out.c_str();
-            } else if (*how == 'f') {
-                options.inputFile = inFile;
-                options.outputFile = outFile;
-            } else {
-                options.inputFd = inFd.get();
-                options.outputFd = outFd.get();
-            }
-            DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, engine, options);
-            EXPECT_EQ(DqCompressionFlush(&state), DQ_SUCCESS) << state._errorDetails;
-            EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS) << state._errorDetails;
-            EXPECT_TRUE(readFile(out) == expected);
-            std::fclose(inFile);
-            std::fclose(outFile);
-        }
+    const std::string in = root / "tmp/data";
+    const std::string out = root / "tmp/packed";
+    writeFile(in, data);
+    for (const char* how : {"paths", "files", "descriptors", "paths, and nothing is done"}) {
+        SCOPED_TRACE(how);
+        using File = std::unique_ptr<FILE, Releaser<&std::fclose>>;
+        const bool isPath = *how == 'p';
+        const FileDescriptor inFd(*how == 'd' ? open(in.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+        const FileDescriptor outFd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        const File inFile(*how == 'f' ? std::fopen(in.c_str(), "rbe") : nullptr);
+        const File outFile(*how == 'f' ? std::fopen(out.c_str(), "wbe") : nullptr);
+        DqCompressionOptions options;
+        options.inputPath = isPath ? in.c_str() : nullptr;
+        options.outputPath = isPath ? out.c_str() : nullptr;
+        options.inputFile = inFile.get();
+        options.outputFile = outFile.get();
+        options.inputFd = inFd.get();
+        options.outputFd = *how == 'd' ? outFd.get() : -1;
+        const bool isCopy = std::strchr(how, ',') != nullptr;
+        DqCompressionState state =
+            CreateDqCompressionState(isCopy ? DQ_PASS : DQ_COMPRESS, isCopy ? DQ_ENGINE_NONE : DQ_ENGINE_LZ4, options);
+        EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS) << state._errorDetails;
+        EXPECT_TRUE(readFile(out) == (isCopy ? data : compressed(data, DQ_ENGINE_LZ4)));
     }
-}
-
-TEST_F(Compression, StateSeeksAFileThatSomebodyElseMoved) {
-    const std::string packed = root / "tmp/packed";
-    FILE* const file = std::fopen(packed.c_str(), "w+be");
-    std::fputs("head", file);
-    DqCompressionOptions options;
-    options.outputFile = file;
-    DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, DQ_ENGINE_LZ4, options);
-    const std::string data = contentOf(Content::noise, 150000);
-    for (std::string_view rest = data; !rest.empty();) {
-        feed(&state, &rest, 100000);
-        EXPECT_EQ(DqCompressionFlush(&state), DQ_SUCCESS);
-        std::rewind(file);
-    }
-    EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
-    std::fclose(file);
-    const std::string bytes = readFile(packed);
-    EXPECT_THAT(bytes, StartsWith("head"));
-    EXPECT_TRUE(unpacked(std::string_view(bytes).substr(4)).data == data);
-}
-
-TEST_F(Compression, PassEngineCopies) {
-    const std::string data = contentOf(Content::noise, 500000);
-    writeFile(root / "tmp/a", data);
-    const std::string a = root / "tmp/a";
-    const std::string b = root / "tmp/b";
-    DqCompressionOptions options;
-    options.inputPath = a.c_str();
-    options.outputPath = b.c_str();
-    DqCompressionState state = CreateDqCompressionState(DQ_PASS, DQ_ENGINE_NONE, options);
-    EXPECT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
-    EXPECT_TRUE(readFile(b) == data);
 }
 
 TEST_F(Compression, CreationRefuses) {
@@ -209,20 +170,6 @@ TEST_F(Compression, CreationRefuses) {
     EXPECT_EQ(DqCompressionBlock(nullptr), DQ_BAD_ARGUMENT);
 }
 
-TEST_F(Compression, DebugHoldWaitsForTheFile) {
-    const std::string hold = root / "tmp/CreateDqCompressionState_wait";
-    writeFile(hold, "");
-    std::thread developer([&] {
-        while (!root.logged("_wait to be removed..."))
-            std::this_thread::yield();
-        unlink(hold.c_str());
-    });
-    const DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, DQ_ENGINE_LZ4, {});
-    EXPECT_NE(access(hold.c_str(), F_OK), 0);
-    EXPECT_EQ(state._error, DQ_SUCCESS);
-    developer.join();
-}
-
 TEST_F(Compression, FullDeviceIsAFileErrorAndStays) {
     DqCompressionOptions options;
     const FileDescriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
@@ -236,14 +183,11 @@ TEST_F(Compression, FullDeviceIsAFileErrorAndStays) {
 }
 
 TEST_F(Compression, EngineNames) {
-    EXPECT_EQ(engine_type_of(nullptr), DQ_ENGINE_ZLIB);
-    EXPECT_EQ(engine_type_of("AUTO"), DQ_ENGINE_ZLIB);
-    EXPECT_EQ(engine_type_of("uGz"), DQ_ENGINE_ZLIB);
-    EXPECT_EQ(engine_type_of("LZ4"), DQ_ENGINE_LZ4);
-    EXPECT_EQ(engine_type_of("rx9"), DQ_ENGINE_RX9);
-    EXPECT_EQ(engine_type_of("none"), DQ_ENGINE_NONE);
-    EXPECT_FALSE(root.logged("unknown CompressEngine"));
-    EXPECT_EQ(engine_type_of("lz4x"), DQ_ENGINE_NONE);
+    const std::pair<const char*, DqCompressionEngineType> names[] = {
+        {nullptr, DQ_ENGINE_ZLIB}, {"AUTO", DQ_ENGINE_ZLIB}, {"uGz", DQ_ENGINE_ZLIB}, {"LZ4", DQ_ENGINE_LZ4},
+        {"rx9", DQ_ENGINE_RX9},    {"none", DQ_ENGINE_NONE}, {"lz4x", DQ_ENGINE_NONE}};
+    for (const auto& [name, type] : names)
+        EXPECT_EQ(engine_type_of(name), type);
     EXPECT_TRUE(root.logged("unknown CompressEngine value: lz4x"));
 }
 
@@ -386,27 +330,6 @@ TEST_F(Compression, RestartReadsFromAnyBlockAndForgivesDamage) {
     std::string first;
     take(&state, &first, SIZE_MAX);
     EXPECT_TRUE(first == data.substr(0, 65536));
-}
-
-// --- large ---
-
-TEST_F(Compression, LargeSparseFileComesBack) {
-    constexpr std::size_t SIZE = std::size_t{256} << 20;
-    const std::string in = root / "tmp/sparse";
-    const std::string out = root / "tmp/packed";
-    log_level = 0;
-    for (const Engine& engine : {ENGINES[0], ENGINES[3]}) {
-        writeFile(in, "head");
-        ASSERT_EQ(truncate(in.c_str(), static_cast<off_t>(SIZE)), 0);
-        DqCompressionOptions options;
-        options.inputPath = in.c_str();
-        options.outputPath = out.c_str();
-        options.inputOctets = 1 << 20;
-        DqCompressionState state = CreateDqCompressionState(DQ_COMPRESS, engine.type, options);
-        ASSERT_EQ(DqCompressionClose(&state), DQ_SUCCESS);
-        ASSERT_EQ(truncate(out.c_str(), static_cast<off_t>(readFile(out).size() - indexSize(SIZE))), 0);
-        EXPECT_EQ(tool(root, "ln -f packed in; " + std::string(engine.reader) + " | cmp - sparse"), 0);
-    }
 }
 
 }  // namespace

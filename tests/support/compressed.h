@@ -1,4 +1,4 @@
-// compression_support.h - test data, other people's tools, and short ways through a compression state.
+// compressed.h - test data, other people's tools, and short ways through a compression state.
 #pragma once
 
 #include <gtest/gtest.h>
