@@ -198,7 +198,7 @@ void BlockStore::store(std::span<const std::pair<BlockKey, std::span<const std::
         batch.empty() ? 0 : pwrite(pack_.get(), batch.data(), batch.size(), static_cast<off_t>(packSize_));
     if (written != static_cast<ssize_t>(batch.size())) {
         // What a full disk let through would look like a record; the next one is written over it.
-        (void)ftruncate(pack_.get(), static_cast<off_t>(packSize_));
+        (void)!ftruncate(pack_.get(), static_cast<off_t>(packSize_));
         fail(directory_ / "blocks.pack");
     }
     packSize_ += batch.size();

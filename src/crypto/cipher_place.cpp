@@ -68,8 +68,8 @@ bool askDqutil() {
     if (output == nullptr)
         return true;
     char word[64] = "";
-    (void)fscanf(output, "%63s", word);  // no word at all is not "on"
-    (void)pclose(output);                // the word counts, not how the tool ended
+    (void)!fscanf(output, "%63s", word);  // no word at all is not "on"
+    (void)pclose(output);                 // the word counts, not how the tool ended
     return std::string_view(word).starts_with("true") || word[0] == 'y';
 }
 

@@ -25,8 +25,8 @@ constexpr char ARCHIVE_NAME[] = "LOGS.DIR.TGZ";
 [[noreturn]] void becomeTar(char* const* arguments) {
     (void)close_range(0, ~0u, 0);
     (void)open("/dev/null", O_RDWR);  // 0, and 1 and 2 below: tar must not take its archive for standard error
-    (void)dup(0);
-    (void)dup(0);
+    (void)!dup(0);
+    (void)!dup(0);
     sigset_t none;
     sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);  // a worker's mask would be tar's for good
