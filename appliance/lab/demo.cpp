@@ -157,8 +157,8 @@ private:
             const std::uint64_t now = storedBytes();
             const Counts counts = countsIn(lab_->source().log("ferryd-worker"), logStart_);
             printf("\r  %-28s blocks: %lu asked, %lu on target, %lu to send;  %s stored, %s/s      ",
-                   progress(backupNo).c_str(), counts.asked, counts.onTarget, counts.toSend,
-                   megabytes(now - start).c_str(), megabytes((now - before) * 2).c_str());
+                   (status & COMPLETE) != 0 ? "complete;" : progress(backupNo).c_str(), counts.asked, counts.onTarget,
+                   counts.toSend, megabytes(now - start).c_str(), megabytes((now - before) * 2).c_str());
             fflush(stdout);
             if ((status & (COMPLETE | STOPPED)) != 0)
                 return status;
