@@ -13,9 +13,8 @@ namespace {
 
 // What becomes of read() on one descriptor.
 struct Reads {
-    int fd = -1;
-    int failsAt = 0;       // the call that fails with EIO; 0 none
-    bool isRough = false;  // calls are interrupted, or give less than was asked for
+    int fd = -1, failsAt = 0;  // the call that fails with EIO; 0 none
+    bool isRough = false;      // calls are interrupted, or give less than was asked for
     int calls = 0;
     std::size_t bytes = 0;
     std::vector<std::size_t> asked;

@@ -123,9 +123,7 @@ TEST_F(ArchiveKinds, StreamsOfAnyToolInAnyOrderAreOneStream) {
     const std::string big = through(root, b, "lz4 -c -BX -B7 --content-size in");
     const std::string index = "ae9b77131072  111";
     const struct {
-        const char* what;
-        std::string file;
-        std::string clean;
+        std::string what, file, clean;
     } cases[] = {{"gzip", gz, a},
                  {"gzip twice", gz + pz, a + b},
                  {"LZ4 behind gzip", gz + lz + pz, a + a + b},
@@ -171,19 +169,18 @@ TEST_F(ArchiveKinds, DamageIsToldOrDoesNoHarm) {
             std::string got(bytes.size(), '?');
             const ssize_t first = archive_read(filter.get(), got.data(), got.size());
             ASSERT_TRUE(first == -1 ? errno == EBADMSG
-                                    : std::memcmp(got.data(), bytes.data(), static_cast<std::size_t>(first)) == 0);
-            ASSERT_LT(first, static_cast<ssize_t>(bytes.size()));
+                                    : first < static_cast<ssize_t>(bytes.size()) &&
+                                          bytes.starts_with(got.substr(0, static_cast<std::size_t>(first))));
             const ssize_t second = first == -1 ? -1 : archive_read(filter.get(), got.data(), got.size());
-            // Only a stream without blocks can't tell that it was cut.
-            // Up to six bytes behind an LZ4 frame are no data either.
-            const std::size_t frame = file.rfind("\x04\x22\x4d\x18", size);
-            const bool isBetweenBlocks = file.compare(size, 2, "\x1f\x8b") == 0 || size - frame < 7;
+            // Only a stream without blocks can't tell that it was cut, and up to six bytes behind an LZ4 frame are no
+            // data.
+            const bool isBetweenBlocks =
+                file.compare(size, 2, "\x1f\x8b") == 0 || size - file.rfind("\x04\x22\x4d\x18", size) < 7;
             ASSERT_TRUE(!isZipped || size == 0 || second == -1 || isBetweenBlocks);
             if (archive_seek(filter.get(), 50000, SEEK_SET) == 50000) {
                 const ssize_t third = archive_read(filter.get(), got.data(), 1000);
-                ASSERT_EQ(std::memcmp(got.data(), bytes.data() + 50000,
-                                      static_cast<std::size_t>(std::max<ssize_t>(third, 0))),
-                          0);
+                ASSERT_TRUE(third < 1 || bytes.compare(50000, static_cast<std::size_t>(third), got, 0,
+                                                       static_cast<std::size_t>(third)) == 0);
             }
         }
         std::mt19937_64 random(7);
@@ -205,17 +202,14 @@ TEST_F(ArchiveKinds, ABadIndexFailsTheSeekAndNotTheReading) {
     const std::string file = readFile(path);
     const std::size_t index = file.find("ae9b77");
     const std::size_t second = file.size() - 64 - 65536;
-    const struct {
-        const char* what;
-        std::string file;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"none", file.substr(0, index)},
         {"an entry", std::string(file).replace(index + 32 + 40, 1, "\xff")},
         {"short", file.substr(0, file.size() - 1)},
         {"chunks of no bytes", std::string(file).replace(index + 6, 8, "0       ").replace(second + 6, 8, "0       ")}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        writeFile(path, c.file);
+    for (const auto& [what, changed] : cases) {
+        SCOPED_TRACE(what);
+        writeFile(path, changed);
         const ArchiveFilterPtr filter = reopen(ZIPPED | ARCHIVE_DIRECT_IO);
         std::string head(1000, '?');
         ASSERT_EQ(archive_read(filter.get(), head.data(), head.size()), 1000);
@@ -235,11 +229,15 @@ TEST_F(ArchiveKinds, ShortStepsStayInMemory) {
         makeBackup(bytes, kind.properties);
         const ArchiveFilterPtr filter = reopen(kind.properties);
         EXPECT_EQ(archive_seek(filter.get(), 0, SEEK_SET), 0);
-        EXPECT_EQ(archive_physical_offset(filter.get()), 0);
+        EXPECT_EQ(archive_physical_offset(filter.get()), 0) << "a rewind of a fresh file reads nothing";
         std::string some(600000, '?');
         ASSERT_EQ(archive_read(filter.get(), some.data(), 200), 200);
         const off_t physical = lseek(archive_fd(filter.get()), 0, SEEK_CUR);
+        EXPECT_TRUE(kind.properties != 0 || physical == 8192) << "the first reads are short";
         ASSERT_EQ(archive_seek(filter.get(), -100, SEEK_CUR), 100);
+        ASSERT_EQ(archive_seek(filter.get(), 0, SEEK_SET), 0);
+        EXPECT_EQ(archive_seek(filter.get(), 0, SEEK_CUR), 0) << "the rewind waits";
+        EXPECT_EQ(archive_seek(filter.get(), 100, SEEK_CUR), 100) << "counted from there";
         ASSERT_EQ(archive_read(filter.get(), some.data(), 50), 50);
         EXPECT_EQ(some.substr(0, 50), bytes.substr(100, 50));
         EXPECT_EQ(lseek(archive_fd(filter.get()), 0, SEEK_CUR), physical);
@@ -263,18 +261,18 @@ protected:
     // A header that passes for a token's, with this text as its size, in front of `behind`.
     static std::string token(const std::string& size, std::size_t behind) {
         std::string header(512, '\0');
-        header.replace(0, 26, "kestrelix ENCRYPTED tar v1");
-        header.replace(116, 7, "0000000");
-        header.replace(124, size.size(), size);
-        header.replace(148, 8, "        ");
-        header[156] = 'E';
+        for (const auto& [at, text] : {std::pair<std::size_t, std::string>{0, "kestrelix ENCRYPTED tar v1"},
+                                       {116, "0000000"},
+                                       {124, size},
+                                       {148, "        "},
+                                       {156, "E"}})
+            header.replace(at, text.size(), text);
         int sum = 0;
         for (const char byte : header)
             sum += static_cast<signed char>(byte);
         char text[16];
         std::snprintf(text, sizeof text, "%07o", static_cast<unsigned>(sum) & 0xffff);
-        header.replace(148, 8, text, 8);
-        return header + std::string(behind, 'x');
+        return header.replace(148, 8, text, 8) + std::string(behind, 'x');
     }
 };
 
@@ -284,23 +282,18 @@ TEST_F(ArchiveToken, RefusesWhatIsNoTokenAndTakesUpToOneMegabyte) {
         std::snprintf(text, sizeof text, "%011zo", size);
         return std::string(text);
     };
-    std::string wrongFlag = token(octal(1024), 4096);
-    wrongFlag[156] = '0';
-    std::string wrongSum = token(octal(1024), 4096);
-    wrongSum[130] = '1';
+    const char* const noToken = "Should have seen encrypted token header but didn't";
     const struct {
-        const char* what;
-        std::string file;
-        const char* text;
+        std::string what, file, text;
     } cases[] = {
         {"one byte too long", token(octal((1 << 20) - 511), 1 << 21), "Limit of 1MB token size"},
         {"the longest", token(octal((1 << 20) - 512), 1 << 21), "Failed to initialize with token: "},
         {"far too long", token("77777777777", 4096), "Limit of 1MB token size"},
         {"a size that overflows", token("#zzzzzzzzzzz", 4096), "Bad encrypted header"},
         {"no whole blocks", token(octal(1000), 4096), "Bad encrypted header"},
-        {"another entry", wrongFlag, "Should have seen encrypted token header but didn't"},
-        {"a wrong checksum", wrongSum, "Should have seen encrypted token header but didn't"},
-        {"zeros", std::string(4096, '\0'), "Should have seen encrypted token header but didn't"},
+        {"another entry", token(octal(1024), 4096).replace(156, 1, "0"), noToken},
+        {"a wrong checksum", token(octal(1024), 4096).replace(130, 1, "1"), noToken},
+        {"zeros", std::string(4096, '\0'), noToken},
         {"cut in the token", token(octal(1024), 100), "The data ends in the middle of a token"},
         {"cut in the header", token(octal(1024), 0).substr(0, 100), "The data ends in the middle of a token"},
     };

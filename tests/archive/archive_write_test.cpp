@@ -46,30 +46,23 @@ protected:
     }
 
     // Lets the process write files of up to `size` bytes while it lives.
-    class Quota {
-    public:
+    struct Quota {
+        rlimit before{};
         explicit Quota(rlim_t size) {
             (void)std::signal(SIGXFSZ, SIG_IGN);
-            getrlimit(RLIMIT_FSIZE, &before_);
-            rlimit limit = before_;
-            limit.rlim_cur = size;
+            getrlimit(RLIMIT_FSIZE, &before);
+            const rlimit limit{size, before.rlim_max};
             EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
         }
-        Quota(const Quota&) = delete;
-        Quota& operator=(const Quota&) = delete;
-        ~Quota() { setrlimit(RLIMIT_FSIZE, &before_); }
-
-    private:
-        rlimit before_{};
+        ~Quota() { setrlimit(RLIMIT_FSIZE, &before); }
     };
 };
 
 TEST_F(ArchiveWriting, OtherToolsReadTheDataOfAllSizes) {
     needKeyService();
-    constexpr std::size_t UNIT = 524288;
+    constexpr unsigned long UNIT = 524288;
     for (const char* engine : {"zlib", "lz4"})
-        for (const std::size_t size : {std::size_t{1}, std::size_t{32}, std::size_t{511}, std::size_t{65536},
-                                       std::size_t{131073}, UNIT - 1, UNIT, UNIT + 1, 3 * UNIT + 4096})
+        for (const std::size_t size : {1ul, 32ul, 511ul, 65536ul, 131073ul, UNIT - 1, UNIT, UNIT + 1, 3 * UNIT + 4096})
             for (const std::uint64_t properties : {ZIPPED, std::uint64_t{0}, LOCKED, LOCKED | ZIPPED}) {
                 if ((properties & LOCKED) != 0 && size % 32 != 0)
                     continue;
@@ -218,8 +211,7 @@ TEST_F(ArchiveWriting, AFullDeviceCanBeRepairedAndTheWritingGoesOn) {
             const std::size_t half = 700000 / 32 * 32;
             const bool hasHole = (properties & LOCKED) == 0;
             if (hasHole) {
-                ASSERT_EQ(archive_seek(filter.get(), static_cast<off_t>(hole.size()), SEEK_CUR),
-                          static_cast<off_t>(half + hole.size()));
+                ASSERT_EQ(archive_seek(filter.get(), 1 << 20, SEEK_CUR), static_cast<off_t>(half) + (1 << 20));
             }
             failures = 0;
             write(half, bytes.size() - half);

@@ -136,10 +136,4 @@ TEST(TarHeader, ExtendedBlocks) {
     EXPECT_EQ(blocks("2", "00000003 00000777 ", "00000001 00000144 "), 4u);
 }
 
-TEST(TarHeader, TokenIsToldByFlagAndName) {
-    EXPECT_TRUE(is_encryption_token(Header().put(0, "KESTRELIX Encrypted tar V1.0").put(156, "E").view()));
-    EXPECT_FALSE(is_encryption_token(Header().put(0, "Kestrelix encrypted TAR v1").put(156, "0").view()));
-    EXPECT_FALSE(is_encryption_token(Header().put(0, "Kestrelix encrypted TAR 1").put(156, "E").view()));
-}
-
 }  // namespace
