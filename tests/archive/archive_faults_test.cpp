@@ -193,17 +193,6 @@ TEST_F(ArchiveFaults, SeveralVolumesAreOneStream) {
     EXPECT_TRUE(restOf(filter.get()) == bytes);
 }
 
-TEST_F(ArchiveFaults, AVolumeThatIsLeftEndsWhereItWasWritten) {
-    const std::string bytes = contentOf(Content::noise, 3 << 20);
-    ArchiveFilterPtr filter = create(0);
-    archive_adjust_size(filter.get(), 0);
-    ASSERT_EQ(archive_write(filter.get(), bytes.data(), bytes.size()), 3 << 20);
-    ASSERT_EQ(archive_fcntl(filter.get(), ARCHIVE_REOPEN, path + ".2"), 0);
-    ASSERT_EQ(archive_write(filter.get(), bytes.data(), 1000), 1000);
-    ASSERT_EQ(archive_close(&filter), 0);
-    EXPECT_TRUE(readFile(path) + readFile(path + ".2") == bytes + bytes.substr(0, 1000));
-}
-
 TEST_F(ArchiveFaults, TheToolLeavesDevicesAloneAndSavesWhatLiesInFrontOfDamage) {
     const auto run = [&](const std::string& arguments, const std::string& input = "") {
         writeFile(root / "tmp/in", input);

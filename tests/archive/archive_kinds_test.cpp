@@ -129,6 +129,8 @@ TEST_F(ArchiveKinds, StreamsOfAnyToolInAnyOrderAreOneStream) {
                  {"LZ4 behind gzip", gz + lz + pz, a + a + b},
                  {"gzip behind LZ4", lz + gz + big + lz, a + a + b + a},
                  {"blocks of 4 MB, longer than a piece", big, b},
+                 {"other sizes of blocks",
+                  through(root, a, "lz4 -c -BX -9 -B5 in") + through(root, b, "lz4 -c -BX -B6 in"), a + b},
                  {"the index of another writer", gz + index, a},
                  {"part of an index", lz + "ae9b", a},
                  {"a few bytes behind LZ4", lz + "xyz", a},

@@ -68,7 +68,7 @@ TEST_F(ArchiveWriting, OtherToolsReadTheDataOfAllSizes) {
                     continue;
                 for (const std::uint64_t direct : {std::uint64_t{0}, ARCHIVE_DIRECT_IO}) {
                     SCOPED_TRACE(std::string(engine) + " " + std::to_string(size) + " " + std::to_string(properties));
-                    configure(engine, "");
+                    configure(engine, "CompressionLevel=" + std::to_string(size % 10) + "\n");
                     const std::string bytes = contentOf(Content::mixed, size);
                     ArchiveFilterPtr filter = create(properties | direct);
                     std::mt19937_64 random(size);
@@ -152,20 +152,24 @@ TEST_F(ArchiveWriting, SeeksLeaveHolesOrZeros) {
 }
 
 TEST_F(ArchiveWriting, TheFileGrowsInStepsAndIsTrimmedAtTheEnd) {
-    const std::string bytes = contentOf(Content::noise, 1 << 20);
+    const std::string bytes = contentOf(Content::noise, 11 << 20);
     ArchiveFilterPtr filter = create(0);
     archive_adjust_size(filter.get(), 0);
     EXPECT_EQ(fileSize(), SIZE_STEP);
-    for (int i = 0; i < 11; ++i)
-        ASSERT_EQ(archive_write(filter.get(), bytes.data(), bytes.size()), 1 << 20);
+    for (std::size_t at = 0; at < bytes.size(); at += 1 << 20)
+        ASSERT_EQ(archive_write(filter.get(), &bytes[at], 1 << 20), 1 << 20);
     EXPECT_EQ(fileSize(), SIZE_STEP + 524288 + SIZE_STEP);
     archive_adjust_size(filter.get(), 30 << 20);
     EXPECT_EQ(fileSize(), (11 << 20) + (30 << 20) + SIZE_STEP);
+    // A volume that is left ends where it was written.
+    ASSERT_EQ(archive_fcntl(filter.get(), ARCHIVE_REOPEN, path + ".2"), 0);
+    EXPECT_EQ(fileSize(), 11 << 20);
+    archive_adjust_size(filter.get(), 0);
+    ASSERT_EQ(archive_write(filter.get(), bytes.data(), 1000), 1000);
     ASSERT_EQ(archive_close(&filter), 0);
-    EXPECT_EQ(fileSize(), 11 << 20);
-    const ArchiveFilterPtr reader = reopen(0);
-    archive_adjust_size(reader.get(), 0);
-    EXPECT_EQ(fileSize(), 11 << 20);
+    EXPECT_TRUE(readFile(path) + readFile(path + ".2") == bytes + bytes.substr(0, 1000));
+    archive_adjust_size(reopen(0).get(), 0);
+    EXPECT_EQ(fileSize(), 11 << 20) << "a reader changes nothing";
 }
 
 TEST_F(ArchiveWriting, PhysicalBlocksAreFilledUpOnlyOnRequest) {

@@ -24,39 +24,6 @@ protected:
     TestRoot root;
 };
 
-struct Engine {
-    DqCompressionEngineType type;
-    int level;
-    const char* reader;  // somebody else's
-};
-const Engine ENGINES[] = {{DQ_ENGINE_ZLIB, 1, "zcat < in"},     {DQ_ENGINE_ZLIB, 9, "pigz -dc < in"},
-                          {DQ_ENGINE_ZLIB, 0, "gzip -dc < in"}, {DQ_ENGINE_LZ4, 1, "lz4 -dc < in"},
-                          {DQ_ENGINE_LZ4, 4, "lz4 -dc < in"},   {DQ_ENGINE_LZ4, 9, "lz4 -dc < in"}};
-
-TEST_F(Compression, OtherPeoplesToolsReadWhatIsWritten) {
-    for (const Engine& engine : ENGINES)
-        for (const Content kind : {Content::text, Content::noise, Content::mixed})
-            for (const std::size_t size : {1u, 65535u, 65536u, 65537u, 131072u, 3000001u}) {
-                SCOPED_TRACE("engine " + std::to_string(engine.type) + " level " + std::to_string(engine.level) +
-                             " content " + std::to_string(static_cast<int>(kind)) + " size " + std::to_string(size));
-                const std::string data = contentOf(kind, size);
-                DqCompressionOptions options;
-                options.level = engine.level;
-                options.blockOctets = 65536;
-                const std::string file = compressed(data, engine.type, options);
-                ASSERT_GT(file.size(), indexSize(size));
-                const std::string stream = file.substr(0, file.size() - indexSize(size));
-                ASSERT_TRUE(through(root, stream, engine.reader) == data);
-                if (engine.type == DQ_ENGINE_LZ4) {
-                    // The data ends where the index begins: neither an error nor a byte of it.
-                    const Unpacked all = unpacked(file);
-                    ASSERT_EQ(all.error, DQ_NOT_COMPRESSED);
-                    ASSERT_EQ(all.consumed, stream.size());
-                    ASSERT_TRUE(all.data == data);
-                }
-            }
-}
-
 TEST_F(Compression, PiecesOfInputAndOutputDontChangeTheFile) {
     for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4})
         for (const std::size_t block : {65536u, 100000u, 131072u}) {
@@ -190,22 +157,6 @@ TEST_F(Compression, EngineNames) {
 
 // --- the LZ4 reader ---
 
-TEST_F(Compression, FramesOfTheLz4ToolAreRead) {
-    for (const char* flags : {"-1 -B4", "-1 -B7", "-9 -B5", "--content-size -B6", "-1 -BI"})
-        for (const std::size_t size : {1u, 65536u, 5000000u})
-            for (const std::size_t piece : {std::size_t{777}, std::size_t{65536}, SIZE_MAX}) {
-                if (piece == 777 && size > 65536)
-                    continue;
-                SCOPED_TRACE(std::string(flags) + " size " + std::to_string(size) + " piece " + std::to_string(piece));
-                const std::string data = contentOf(Content::mixed, size);
-                const std::string file = through(root, data, std::string("lz4 -c -BX ") + flags + " in");
-                const Unpacked twice = unpacked(file + file, piece);
-                ASSERT_EQ(twice.error, DQ_SUCCESS);
-                ASSERT_FALSE(twice.inFrame);
-                ASSERT_TRUE(twice.data == data + data);
-            }
-}
-
 TEST_F(Compression, UpToSixBytesBehindAFrameEndTheDataQuietly) {
     const std::string frame = through(root, "data", "lz4 -c -BX in");
     for (std::size_t extra = 1; extra <= 6; extra++) {
@@ -242,24 +193,12 @@ TEST_F(Compression, FlippedBitsAreDamage) {
 TEST_F(Compression, CutFilesAreNoticed) {
     const std::string frame = smallFrame(root);
     const std::string data = unpacked(frame).data;
-    const std::string path = root / "tmp/cut";
     log_level = 0;
     for (std::size_t size = 7; size < frame.size(); size++) {
         const Unpacked got = unpacked(std::string_view(frame).substr(0, size));
         ASSERT_EQ(got.error, DQ_SUCCESS) << size;
         ASSERT_TRUE(got.inFrame || size < 15) << size;
         ASSERT_THAT(data, StartsWith(got.data)) << size;
-        // A state with a file of its own sees the end itself.
-        writeFile(path, frame.substr(0, size));
-        DqCompressionOptions options;
-        options.inputPath = path.c_str();
-        DqCompressionState state = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
-        DqCompressionErr error = DQ_SUCCESS;
-        for (int calls = 0; calls < 10 && error == DQ_SUCCESS; calls++) {
-            error = DqCompressionBlock(&state);
-            DqCompressionConsume(&state.output, SIZE_MAX);
-        }
-        ASSERT_EQ(error, DQ_BAD_DATA) << size;
     }
 }
 
@@ -288,24 +227,6 @@ TEST_F(Compression, RefusedFrames) {
         root.clearLog();
         EXPECT_EQ(unpacked(c.file).error, DQ_BAD_DATA) << c.text;
         EXPECT_TRUE(root.logged(c.text)) << c.text << "\n" << root.log();
-    }
-}
-
-TEST_F(Compression, GivenBuffersThatCantTakeABlockAreNoEndlessLoop) {
-    const std::string file = through(root, contentOf(Content::text, 2000000), "lz4 -c -BX -B7 in");
-    const std::string noise = through(root, contentOf(Content::noise, 2000000), "lz4 -c -BX -B7 in");
-    std::vector<std::byte> buffer(DQ_DEFAULT_SEGMENT);
-    for (const std::string& input : {file, noise}) {
-        DqCompressionOptions options;
-        (&input == &file ? options.outputBuffer : options.inputBuffer) = buffer;
-        DqCompressionState state = CreateDqCompressionState(DQ_DECOMPRESS, DQ_ENGINE_LZ4, options);
-        std::string_view rest = input;
-        DqCompressionErr error = DQ_SUCCESS;
-        for (int calls = 0; calls < 100 && error == DQ_SUCCESS; calls++) {
-            feed(&state, &rest, SIZE_MAX);
-            error = DqCompressionBlock(&state);
-        }
-        EXPECT_EQ(error, DQ_INVALID_STATE);
     }
 }
 
