@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <mutex>
 
 #include "config/settings.h"
@@ -25,9 +24,10 @@ inline constexpr char ON_TARGET = '1';  // in a reply to post-check-offset; any 
     return static_cast<std::uint64_t>(settings.metaSize < 1 ? ReplicationSettings{}.metaSize : settings.metaSize);
 }
 
-// Deadlines of timed waits are whole seconds of the clock.
+// Deadlines of timed waits are whole seconds of the clock: of the exact one, since time() may still be in the second
+// that a wait has just ended with.
 [[nodiscard]] inline std::chrono::system_clock::time_point wholeSecondsFromNow(std::int32_t seconds) {
-    return std::chrono::system_clock::from_time_t(std::time(nullptr) + seconds);
+    return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()) + std::chrono::seconds(seconds);
 }
 
 // A held mutex that tells the lock trace (level 6) of its coming and going.

@@ -1,7 +1,6 @@
 #include "pipeline/threadBuffer.h"
 
 #include <chrono>
-#include <ctime>
 
 #include "pipeline/pipeline_internal.h"
 
@@ -161,7 +160,7 @@ ThreadBuffer::Stall ThreadBuffer::lookAfterTimeout(TracedLock* access) {
     const Stall stall = findStall(*access);
     const std::uint64_t moves = moves_;
     const bool isStuck = stall == Stall::Waking && movesWhenWaking_ == moves;
-    movesWhenWaking_ = stall == Stall::Waking ? std::optional(moves) : std::nullopt;
+    movesWhenWaking_ = stall == Stall::Waking && !isStuck ? std::optional(moves) : std::nullopt;
     if (isStuck) {
         LOG_HERE(0, "All %d threads wait and none has moved since the last look: they are woken", totalThreads);
         access->unlock();

@@ -1,19 +1,35 @@
 // What holds for both send phases.
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
 #include "config/settings.h"
 #include "send_fixture.h"
 
 namespace {
+std::atomic<std::size_t> g_failingSize = 0;  // an allocation of so many bytes fails
+}  // namespace
 
-using testsupport::Blocks;
-using testsupport::HANG_UP;
-using testsupport::Names;
-using testsupport::ok;
-using testsupport::UNAVAILABLE;
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return size == g_failingSize ? nullptr : std::malloc(size);
+}
+void* operator new(std::size_t size) {
+    void* const memory = operator new(size, std::nothrow);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
-constexpr std::size_t HEADER = 84;  // bytes in front of each block on the wire
+namespace {
 
-class EachPhase : public testsupport::SendFixture, public ::testing::WithParamInterface<testsupport::SendPhase> {
+using namespace testsupport;
+
+class EachPhase : public SendFixture, public ::testing::WithParamInterface<SendPhase> {
 protected:
     int send() { return SendFixture::send(GetParam()); }
     [[nodiscard]] static bool isThreaded() { return GetParam() == &sendBlocksThreaded; }
@@ -28,45 +44,77 @@ TEST_P(EachPhase, SendsEachMissingBlockOnce) {
     target->blocks = {blocks[2]};
     EXPECT_EQ(send(), 0);
     EXPECT_TRUE(targetHas(blocks));
-    Names names = newRequests();
-    std::ranges::sort(names);
-    EXPECT_EQ(names, (Names{"multiblock", "multiblock", "post-check-offset", "post-check-offset"}));
-    EXPECT_EQ(bytesSent, isThreaded() ? 700 + 3 * HEADER : 700);
+    EXPECT_EQ(newRequests(), (Names{"multiblock", "multiblock", "post-check-offset", "post-check-offset"}));
+    EXPECT_EQ(bytesSent, isThreaded() ? 700 + 3 * BLOCK_HEADER_SIZE : 700);
     EXPECT_EQ(progress.current_size, 1000);
     EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.operation_progress"), "1");
     EXPECT_EQ(send(), 0) << "the target has them all now";
     EXPECT_EQ(newRequests(), (Names{"post-check-offset", "post-check-offset"})) << "nothing to send";
+    forgetBackup();
+    EXPECT_EQ(send(), 0) << "an empty backup";
+    EXPECT_TRUE(newRequests().empty());
 }
 
-TEST_P(EachPhase, AnEmptyBackupIsDoneAtOnce) {
-    makeBackup(7, {});
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(newRequests().empty());
+TEST_P(EachPhase, ABlockIsPackedOrSentAloneByItsLength) {
+    settings.metaSize = 100;
+    const auto expect = [&](const char* what, const std::vector<std::size_t>& sizes, Names requests) {
+        SCOPED_TRACE(what);
+        forgetBackup();
+        target->blocks.clear();
+        const Blocks blocks = blocksOf(sizes);
+        makeBackup(7, blocks);
+        EXPECT_EQ(send(), 0);
+        requests.emplace_back("post-check-offset");
+        EXPECT_EQ(newRequests(), requests);
+        EXPECT_TRUE(targetHas(blocks));
+    };
+    // In one thread a block needs 512 bytes more than its own, among threads its header and one byte.
+    const std::size_t room = isThreaded() ? 85 : 512;
+    settings.maxBlocks = 2048;
+    expect("as long as a buffer takes", {2048 - room}, {"multiblock"});
+    expect("a byte more", {2049 - room}, {"b-" + std::to_string(2049 - room)});
+    expect("several windows long, others around it", {10, 5000, 20},
+           isThreaded() ? Names{"b-5000", "multiblock", "multiblock"} : Names{"b-5000", "multiblock"});
+    expect("two that fill it", {700, 2048 - 84 - 700 - room}, {"multiblock"});
+    expect("two with a byte more", {700, 2049 - 84 - 700 - room}, {"multiblock", "multiblock"});
+    settings.maxBlocks = settings.cluster = 0;
+    settings.metaSize = 0;
+    settings.cluster = 1;
+    expect("sizes that are none count as the defaults", {100, 20000, 300}, {"multiblock"});
 }
 
 TEST_P(EachPhase, AnAnswerThatIsNoneEndsThePhaseAndAPutHasTwoTries) {
     makeBackup(7, blocksOf({100, 100, 100, 100, 100, 100}));
-    const struct {
-        const char* what;
-        const char* request;
-        std::deque<std::string> instead;
-        bool succeeds;
-    } cases[] = {
-        {"question refused", "post-check-offset", {UNAVAILABLE}, false},
-        {"question without an answer", "post-check-offset", {HANG_UP}, false},
-        {"answer too long", "post-check-offset", {ok("000")}, false},
-        {"answer too short", "post-check-offset", {ok("0")}, false},
-        {"bytes that are neither 0 nor 1", "post-check-offset", {ok("\2x")}, true},
-        {"refused once", "multiblock", {UNAVAILABLE}, true},
-        {"hung up once", "multiblock", {HANG_UP}, true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    const auto expect = [&](const char* what, const char* request, const std::deque<std::string>& instead, bool good,
+                            const std::deque<std::int64_t>& countErrors = {}, int retryCount = 3) {
+        SCOPED_TRACE(what);
         target->blocks.clear();
-        target->instead = {{c.request, c.instead}};
-        EXPECT_EQ(send() == 0, c.succeeds);
-        EXPECT_EQ(target->blocks.size() == 6, c.succeeds);
-    }
+        target->instead = {{request, instead}};
+        target->countErrors = countErrors;
+        settings.retryCount = retryCount;
+        EXPECT_EQ(send() == 0, good);
+        EXPECT_TRUE(target->blocks.size() == 6 || !good);
+    };
+    const char* request = "post-check-offset";
+    expect("question refused", request, {UNAVAILABLE}, false);
+    expect("question without an answer", request, {HANG_UP}, false);
+    expect("answer too long", request, {ok("000")}, false);
+    expect("answer too short", request, {ok("0")}, false);
+    expect("bytes that are neither 0 nor 1", request, {ok("\2x")}, true);
+    expect("refused once", "multiblock", {UNAVAILABLE}, true);
+    expect("hung up once", "multiblock", {HANG_UP}, true);
+    expect("refused twice", "multiblock", {UNAVAILABLE, UNAVAILABLE, UNAVAILABLE, UNAVAILABLE}, false);
+    EXPECT_TRUE(target->blocks.empty() || isThreaded());
+    settings.checkpoint = true;
+    request = "backup-block-count";
+    expect("count refused once", request, {UNAVAILABLE}, true);
+    EXPECT_TRUE(root.logged("postBlockCount failed, retry."));
+    expect("no count at all", request, {HANG_UP, HANG_UP}, false, {}, 2);
+    EXPECT_TRUE(root.logged("postBlockCount failed, curl failure."));
+    expect("a negative count", request, {}, false, {isThreaded() ? -9 : -1}, 1);
+    EXPECT_TRUE(root.logged("postBlockCount failed, target returned error."));
+    expect("no tries", request, {}, false, {}, 0);
+    expect("more than expected", request, {}, true, {9, 9, 9, 9});
 }
 
 TEST_P(EachPhase, ABlockThatCannotBeReadEndsThePhase) {
@@ -80,6 +128,17 @@ TEST_P(EachPhase, ABlockThatCannotBeReadEndsThePhase) {
     target->blocks.clear();
     EXPECT_EQ(send(), -1) << "nobody has the data";
     EXPECT_TRUE(target->blocks.empty());
+}
+
+TEST_P(EachPhase, MemoryThatCannotBeHadFailsThePhaseAndNotTheJob) {
+    constexpr std::size_t BLOCKS = 73;
+    settings.metaSize = 100;
+    makeBackup(7, blocksOf(std::vector<std::size_t>(BLOCKS, 40)));
+    g_failingSize = BLOCKS * sizeof(void*);  // what is needed to look the batch up
+    EXPECT_EQ(send(), -1);
+    g_failingSize = 0;
+    EXPECT_TRUE(root.logged("std::bad_alloc"));
+    EXPECT_EQ(send(), 0);
 }
 
 TEST_P(EachPhase, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
@@ -110,17 +169,6 @@ TEST_P(EachPhase, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
     g_settings.blockEliminationType = 9;
     EXPECT_EQ(send(), -1);
     EXPECT_TRUE(root.logged("Failed to get exclusion list:-1"));
-}
-
-TEST_P(EachPhase, SettingsThatAreNoneCountAsTheDefaults) {
-    settings.maxBlocks = 0;
-    settings.metaSize = 0;
-    settings.cluster = 1;
-    const Blocks blocks = blocksOf({100, 20000, 300});
-    makeBackup(7, blocks);
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
-    EXPECT_EQ(newRequests(), (Names{"post-check-offset", "multiblock"}));
 }
 
 }  // namespace

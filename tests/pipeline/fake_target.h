@@ -30,13 +30,7 @@ public:
 
     [[nodiscard]] const std::string& name() const { return server_.name(); }
 
-    // What the requests were, in order: their last path segment, of single blocks only "b-LENGTH".
-    [[nodiscard]] std::vector<std::string> asked() {
-        std::vector<std::string> names;
-        for (const Request& request : server_.requests())
-            names.push_back(nameOf(request));
-        return names;
-    }
+    // The last segment of a request's path, of single blocks only "b-LENGTH".
     static std::string nameOf(const Request& request) {
         const std::string path = request.path();
         const std::string name = path.substr(path.rfind('/') + 1);
@@ -98,23 +92,22 @@ private:
     }
 
     void storeAll(const Request& request) {
-        std::size_t at = 0;
-        int number = 0;
         std::size_t room = std::string::npos;
         if (!state_.keeps.empty()) {
             room = state_.blocks.size() + state_.keeps.front();
             state_.keeps.pop_front();
         }
-        for (; at + BLOCK_HEADER_SIZE <= request.body.size(); ++number) {
+        int number = 0;
+        std::string block;
+        for (std::size_t at = 0; at < request.body.size(); at += BLOCK_HEADER_SIZE + block.size(), ++number) {
+            ASSERT_LE(at + BLOCK_HEADER_SIZE, request.body.size());
             std::uint32_t length = 0;
             std::memcpy(&length, request.body.data() + at + 8, sizeof length);
-            const std::string block = request.body.substr(at + BLOCK_HEADER_SIZE, length);
+            block = request.body.substr(at + BLOCK_HEADER_SIZE, length);
             EXPECT_EQ(request.body.substr(at + 12, HASH_VALUE_SIZE), digestOf(block));
             if (state_.blocks.size() < room)
                 state_.blocks.insert(block);
-            at += BLOCK_HEADER_SIZE + length;
         }
-        EXPECT_EQ(at, request.body.size());
         EXPECT_EQ(request.header("X-ClusterAmt"), std::to_string(number));
     }
 

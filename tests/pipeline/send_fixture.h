@@ -34,7 +34,8 @@ protected:
                                 .url = target.name(),
                                 .backupNoOnTarget = 31,
                                 .progress = &progress,
-                                .bytesSent = &bytesSent});
+                                .bytesSent = &bytesSent,
+                                .bandwidthTable = bandwidthTable});
     }
 
     static Blocks blocksOf(const std::vector<std::size_t>& sizes) {
@@ -48,13 +49,14 @@ protected:
         return target->blocks == std::set<std::string>(blocks.begin(), blocks.end());
     }
 
-    // The requests since the last call, less questions about no blocks.
+    // The requests since the last call, sorted, less questions about no blocks.
     Names newRequests() {
         Names names;
         const std::vector<Request> requests = target.requests();
         for (; seen_ < requests.size(); ++seen_)
             if (requests[seen_].header("X-Expect") != "0")
                 names.push_back(FakeTarget::nameOf(requests[seen_]));
+        std::ranges::sort(names);
         return names;
     }
 
@@ -64,6 +66,7 @@ protected:
     ReplicationSettings settings;
     OperationProgress progress;
     std::uint64_t bytesSent = 0;
+    int bandwidthTable = -1;
 
 private:
     std::size_t seen_ = 0;

@@ -1,148 +1,98 @@
 // The threaded send phase: what its threads do to each other when something fails.
 
+#include <sys/shm.h>
+
 #include <chrono>
-#include <condition_variable>
-#include <numeric>
+#include <future>
 #include <thread>
 
+#include "bandwidth/blockOut.h"
+#include "pipeline/checkpoint.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/threadBuffer.h"
 #include "send_fixture.h"
 
 namespace {
 
-using testsupport::Blocks;
-using testsupport::HANG_UP;
-using testsupport::Names;
-using testsupport::UNAVAILABLE;
+using namespace std::chrono_literals;
+using namespace testsupport;
 
-class Threads : public testsupport::SendFixture {
+template <typename Condition>
+void waitUntil(const Condition& isMet, std::chrono::milliseconds patience = 30s) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!isMet() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+}
+
+class Threads : public SendFixture {
 protected:
-    Threads() { keys(""); }
+    Threads() { keys("MetaThreadTimeoutSeconds=1\n"); }
 
-    void keys(const std::string& text) { root.masterIni("[Replication]\n  MetaThreadTimeoutSeconds=1\n" + text); }
+    void keys(const std::string& text) { root.masterIni("[Replication]\n" + text); }
 
     int send() { return SendFixture::send(&sendBlocksThreaded); }
-
-    // Until the log holds the text; gives up after half a minute.
-    void waitForLog(const std::string& text) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!root.logged(text) && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
-        EXPECT_TRUE(root.logged(text)) << text;
-    }
 };
 
-TEST_F(Threads, ABlockIsPackedSentAloneOrStallsByItsLength) {
-    settings.metaSize = 100;
-    settings.maxBlocks = 1024;
-    const struct {
-        const char* what;
-        std::vector<std::size_t> sizes;
-        Names requests;
-        int result;
-    } cases[] = {
-        {"leaves a byte free", {939}, {"multiblock"}, 0},
-        {"leaves none: no buffer ever takes it", {940}, {}, -1},
-        {"a byte more", {941}, {"b-941"}, 0},
-        {"several windows long, others around it", {10, 5000, 20}, {"b-5000", "multiblock", "multiblock"}, 0},
-        {"two leave a byte free", {428, 427}, {"multiblock"}, 0},
-        {"two leave none", {428, 428}, {"multiblock", "multiblock"}, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        forgetBackup();
-        root.clearLog();
-        target->blocks.clear();
-        const Blocks blocks = blocksOf(c.sizes);
-        makeBackup(7, blocks);
-        EXPECT_EQ(send(), c.result);
-        Names names = newRequests();
-        std::ranges::sort(names);
-        std::erase(names, "post-check-offset");
-        EXPECT_EQ(names, c.requests);
-        EXPECT_EQ(targetHas(blocks), c.result == 0);
-        EXPECT_EQ(root.logged("Deadlock detected"), c.result != 0);
-    }
-}
-
-TEST_F(Threads, BatchesOfOneRecordAndFewBuffersWork) {
-    settings.metaSize = 1;
+TEST_F(Threads, KeysOfAnySizeWork) {
     settings.checkpoint = true;
-    keys("  ThreadBufferCount=1\n  SendThreadCount=3\n  ReadThreadCount=2\n");
     const Blocks blocks = blocksOf({100, 200, 300, 400, 500});
     makeBackup(7, blocks);
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
-    EXPECT_TRUE(
-        root.logged("ReadThreadCount set to unexpected value:2, only 1 is supported at this time. Setting "
-                    "internal ReadThreadCount=1"));
-    EXPECT_TRUE(root.logged("Unadvised buffer count:1 setting to: 4"));
-    EXPECT_TRUE(root.logged("Threads created. Read:1, Send:3"));
-    keys("  SendThreadCount=0\n");
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(
-        root.logged("SendThreadCount set to unexpected value:1, must be >=1. Setting internal "
-                    "SendThreadCount=1"));
-    EXPECT_TRUE(root.logged("Using default ThreadBufferCount=3"));
-}
-
-TEST_F(Threads, ABufferThatFailsTwiceFailsThePhase) {
-    // Blocks that fill a buffer each, so that every thread has its own to fail with.
-    const Blocks blocks = blocksOf({3000, 3000, 3000, 3000, 3000, 3000});
-    makeBackup(7, blocks);
-    const struct {
-        const char* what;
-        int threads;
-        std::deque<std::string> instead;
-        const char* logged;
-    } cases[] = {
-        {"hung up twice on the only thread", 1, {HANG_UP, HANG_UP}, "failed retry (Curl status:"},
-        {"refused twice on the only thread", 1, {UNAVAILABLE, UNAVAILABLE}, "failed retry (Curl status:No error"},
-        {"on every thread", 2, {HANG_UP, HANG_UP, HANG_UP, HANG_UP}, "retrying."},
+    const auto expect = [&](const std::string& text, const char* logged) {
+        SCOPED_TRACE(text);
+        target->blocks.clear();
+        progress.current_size = 0;
+        keys(text);
+        EXPECT_EQ(send(), 0);
+        EXPECT_TRUE(targetHas(blocks));
+        EXPECT_EQ(progress.current_size, 1500) << "counted once a batch";
+        EXPECT_TRUE(root.logged(logged));
     };
-    for (const bool checkpoint : {false, true}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(std::string(c.what) + (checkpoint ? ", with checkpoints" : ""));
-            settings.checkpoint = checkpoint;
-            target->blocks.clear();
-            root.clearLog();
-            keys("  SendThreadCount=" + std::to_string(c.threads) + "\n");
-            target->instead = {{"multiblock", c.instead}};
-            EXPECT_EQ(send(), -1);
-            EXPECT_TRUE(root.logged(c.logged));
-            target->instead.clear();
-            EXPECT_EQ(send(), 0) << "the next try";
-            EXPECT_TRUE(targetHas(blocks));
-        }
-    }
-}
-
-// The meta thread has left with success when the last buffer fails: the failure must win.
-TEST_F(Threads, AFailureAfterTheMetaThreadHasGoneIsTheResult) {
-    makeBackup(7, blocksOf({100, 200}));
-    target->instead = {{"multiblock", {HANG_UP, HANG_UP}}};
-    target->beforeReply = [this](const std::string& name) {
-        if (name == "multiblock")
-            waitForLog("MetaThread: Set exit code 1");
-    };
-    EXPECT_EQ(send(), -1);
-}
-
-// The read thread waits for an empty buffer, the meta thread for the read thread: one failing send thread ends both.
-TEST_F(Threads, AFailedSendWakesAReaderWithoutABuffer) {
+    settings.metaSize = 1;
+    expect("ThreadBufferCount=1\nSendThreadCount=3\nReadThreadCount=2\n", "Threads created. Read:1, Send:3");
+    expect("SendThreadCount=0\n", "Threads created. Read:1, Send:1");
+    expect("SendThreadCount=2147483647\nThreadBufferCount=2147483647\n", "buffer count:64 setting to: 65");
+    // Limits that would end each wait at once, or overflow.
     settings.metaSize = 100;
-    settings.checkpoint = true;
-    keys("  SendThreadCount=1\n  ThreadBufferCount=2\n  MetaThreadTimeoutSeconds=60\n");
-    makeBackup(7, blocksOf({3000, 3000, 3000, 3000}));
-    target->instead = {{"multiblock", {HANG_UP, HANG_UP}}};
     target->beforeReply = [this](const std::string& name) {
         if (name == "multiblock")
-            waitForLog("Unable to obtain a work buffer");
+            waitUntil([this] { return root.logged("Timeout in metaThread"); }, 200ms);
     };
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(send(), -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << "it was woken, not timed out";
+    for (const char* const limit : {"0", "-1", "2147483647"})
+        expect("MetaThreadTimeoutSeconds=" + std::string(limit) + "\n", "");
+}
+
+TEST_F(Threads, AFailureIsTheResultAndWhoeverWaitsIsWokenAndNotTimedOut) {
+    settings.metaSize = 100;
+    const Blocks blocks = blocksOf({3000, 3001, 3002, 3003});
+    makeBackup(7, blocks);
+    // `held`: the log's word that the target's replies wait for.
+    const auto expect = [&](const char* what, const std::string& threads, bool checkpoint, int failures,
+                            const char* held) {
+        SCOPED_TRACE(what);
+        settings.checkpoint = checkpoint;
+        target->blocks.clear();
+        root.clearLog();
+        keys("MetaThreadTimeoutSeconds=60\n" + threads);
+        target->instead = {{"multiblock", std::deque<std::string>(static_cast<std::size_t>(failures), HANG_UP)}};
+        target->beforeReply = [this, held](const std::string& name) {
+            if (name == "multiblock")
+                waitUntil([&] { return root.logged(held); });
+        };
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(send(), failures > 0 ? -1 : 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+        EXPECT_TRUE(failures > 0 || targetHas(blocks));
+        target->instead.clear();
+        EXPECT_TRUE(send() == 0 && targetHas(blocks)) << "the next try";
+    };
+    const std::string few = "SendThreadCount=1\nThreadBufferCount=2\n";
+    const std::string many = "SendThreadCount=1\nThreadBufferCount=9\n";
+    expect("a reader without a buffer, by a failure", few, true, 2, "Unable to obtain a work buffer");
+    expect("a reader without a buffer, by a buffer that was sent", few, false, 0, "Unable to obtain a work buffer");
+    expect("a checkpoint, by a failure", many, true, 2, "Wait on total sent");
+    expect("nobody: the meta thread has left with success", many, false, 2, "MetaThread: Set exit code 1");
+    expect("each thread fails with a buffer of its own", "SendThreadCount=2\n", false, 4, "");
+    expect("send threads, by the end", "SendThreadCount=4\n", false, 0, "");
 }
 
 TEST_F(Threads, ACheckpointFindsWhatTheTargetLost) {
@@ -151,92 +101,55 @@ TEST_F(Threads, ACheckpointFindsWhatTheTargetLost) {
     settings.retryCount = 1;
     const Blocks blocks = blocksOf({100, 200, 300, 400, 500, 600});
     makeBackup(7, blocks);
-    const struct {
-        const char* what;
-        std::deque<std::size_t> keeps;
-        int result;
-        const char* logged;
-    } cases[] = {
-        {"nothing lost", {}, 0, "6 blocks reported on target, 6 blocks expected."},
-        {"one lost",
-         {3},
-         0,
-         "Checkpoint found mismatch, retry last batch of blocks. Total checkpoint data size: 1000."},
-        {"all lost once", {0}, 0, "Checkpoint retries recovery after 1 retries."},
-        {"each round brings one", {1, 1, 1, 1, 1, 1}, 0, "Checkpoint retry making some progress"},
-        {"no round brings any", {0, 0, 0, 0, 0, 0}, -1, "Checkpoint retry failed, too many retries attempted."},
-        {"the last batch is lost", {4, 0}, 0, "4 blocks reported on target, 6 blocks expected."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    const auto expect = [&](const char* what, const std::deque<std::size_t>& keeps, int result, const char* logged) {
+        SCOPED_TRACE(what);
         root.clearLog();
         target->blocks.clear();
-        target->keeps = c.keeps;
-        EXPECT_EQ(send(), c.result);
-        EXPECT_EQ(targetHas(blocks), c.result == 0);
-        EXPECT_TRUE(root.logged(c.logged)) << root.log();
-    }
-}
-
-TEST_F(Threads, ACountThatCannotBeHadFailsTheCheckpoint) {
-    settings.checkpoint = true;
-    makeBackup(7, blocksOf({100, 200, 300}));
-    const struct {
-        const char* what;
-        int retryCount;
-        std::deque<std::string> instead;
-        std::deque<std::int64_t> errors;
-        int result;
-        const char* logged;
-    } cases[] = {
-        {"refused once", 3, {UNAVAILABLE}, {}, 0, "MetaThread: postBlockCount retry successful."},
-        {"no answer at all", 2, {HANG_UP, HANG_UP}, {}, -1, "MetaThread: postBlockCount failed, curl failure."},
-        {"negative", 1, {}, {-5}, -1, "MetaThread: postBlockCount failed, target returned error."},
-        {"no tries", 0, {}, {}, -1, "MetaThread: postBlockCount failed, target returned error."},
-        {"more than expected", 3, {}, {9, 9}, 0, "blocks reported on target"},
+        target->keeps = keeps;
+        EXPECT_EQ(send(), result);
+        EXPECT_EQ(targetHas(blocks), result == 0);
+        EXPECT_TRUE(root.logged(logged)) << root.log();
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        root.clearLog();
-        target->blocks.clear();
-        settings.retryCount = c.retryCount;
-        target->instead = {{"backup-block-count", c.instead}};
-        target->countErrors = c.errors;
-        EXPECT_EQ(send(), c.result);
-        EXPECT_TRUE(root.logged(c.logged)) << root.log();
-    }
+    expect("nothing lost", {}, 0, "6 blocks reported on target, 6 blocks expected.");
+    expect("one lost", {3}, 0, "retry last batch of blocks. Total checkpoint data size: 1000.");
+    expect("all lost once", {0}, 0, "Checkpoint retries recovery after 1 retries.");
+    expect("each round brings one", {1, 1, 1, 1, 1, 1}, 0, "Checkpoint retry making some progress");
+    expect("no round brings any", {0, 0, 0, 0, 0, 0}, -1, "Checkpoint retry failed, too many retries attempted.");
+    expect("the last batch is lost", {4, 0}, 0, "4 blocks reported on target, 6 blocks expected.");
+    target->instead["post-check-offset"] = {AS_EVER, UNAVAILABLE};
+    settings.retryCount = 3;
+    expect("the second look fails, so the next round finds out", {0}, 0, "Failed target block check offset:-1");
 }
 
-// The second look at the target fails in a checkpoint: nothing counts as to be sent, and the next round finds out.
-TEST_F(Threads, ACheckAfterAShortfallMayFailOnce) {
-    settings.checkpoint = true;
-    const Blocks blocks = blocksOf({100, 200});
-    makeBackup(7, blocks);
-    target->keeps = {0};
-    target->instead["post-check-offset"] = {testsupport::AS_EVER, UNAVAILABLE};
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
-    EXPECT_TRUE(root.logged("Failed target block check offset:-1"));
-}
-
-TEST_F(Threads, SlowSendsAreNoDeadlock) {
-    settings.checkpoint = true;
-    const Blocks blocks = blocksOf({100, 200});
-    makeBackup(7, blocks);
-    target->beforeReply = [this](const std::string& name) {
-        if (name == "multiblock")
-            waitForLog("Conditional Wait return value:110");  // a wait that ended by its limit
+TEST(CheckpointCounts, CountABatchOnceAndGiveUpAfterFruitlessRounds) {
+    using Outcome = CheckpointCounts::Outcome;
+    CheckpointCounts counts(1);
+    const auto round = [&](std::uint64_t records, std::int64_t count) {
+        int rounds = 0;
+        std::int64_t last = 0;
+        counts.beginBatch();
+        counts.expectBatch(records);
+        counts.expectBatch(records);
+        return counts.judge(count, records, &rounds, &last);
     };
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
-    EXPECT_FALSE(root.logged("Deadlock"));
+    EXPECT_EQ(round(4, 4), Outcome::Good);
+    EXPECT_EQ(counts.expected(), 4u) << "looked at twice, counted once";
+    EXPECT_EQ(round(3, 5), Outcome::ShortWithProgress);
+    for (int fruitless = 0; fruitless < 2; ++fruitless) {
+        EXPECT_FALSE(counts.isExhausted());
+        EXPECT_EQ(round(3, 5), Outcome::Short) << "what came in an earlier round is no progress";
+    }
+    EXPECT_TRUE(counts.isExhausted());
+    EXPECT_EQ(round(3, 7), Outcome::Good);
+    EXPECT_FALSE(counts.isExhausted());
+    EXPECT_EQ(counts.expected(), 7u);
 }
 
 TEST_F(Threads, SeveralThreadsSendAThousandBlocks) {
     settings.metaSize = 100;
     settings.maxBlocks = 16384;
     settings.checkpoint = true;
-    keys("  SendThreadCount=4\n");
+    keys("MetaThreadTimeoutSeconds=1\nSendThreadCount=4\n");
     std::vector<std::size_t> sizes(1000);
     for (std::size_t i = 0; i < sizes.size(); ++i)
         sizes[i] = i % 50 == 0 ? 20000 + i : 500 + i;  // every fiftieth goes alone
@@ -246,16 +159,32 @@ TEST_F(Threads, SeveralThreadsSendAThousandBlocks) {
     target->instead = {{"multiblock", {HANG_UP}}};
     EXPECT_EQ(send(), 0);
     EXPECT_TRUE(targetHas(blocks));
+    EXPECT_FALSE(root.logged("Can't attach to shared memory")) << "there is none, which is no failure";
 }
 
-class Exits : public Threads {
+// Two send threads and one request: the idle one leaves its share of the bandwidth.
+TEST_F(Threads, WhoHasNothingToSendIsNotAttached) {
+    makeBackup(7, blocksOf({100}));
+    ASSERT_EQ(createBandwidthTable(), 0);
+    bandwidthTable = getBandwidthTableId();
+    shmid_ds state{};
+    target->beforeReply = [&](const std::string& name) {
+        if (name == "multiblock")
+            waitUntil([&] { return shmctl(bandwidthTable, IPC_STAT, &state) == 0 && state.shm_nattch == 2; }, 10s);
+    };
+    EXPECT_EQ(send(), 0);
+    EXPECT_EQ(state.shm_nattch, 2u) << "this thread and the sender";
+    detachBandwidthTable();
+}
+
+class Shared : public Threads {
 protected:
     SendJob job{
         .backupNo = 7, .url = target.name(), .backupNoOnTarget = 31, .progress = &progress, .bytesSent = &bytesSent};
     ThreadBuffer shared{settings, job, 3};
 };
 
-TEST_F(Exits, AFailureWinsFromEveryState) {
+TEST_F(Shared, AFailureWinsFromEveryState) {
     shared.setExitCode(PHASE_NO_MORE);
     EXPECT_TRUE(shared.finishReading());
     EXPECT_EQ(shared.getExitCode(), PHASE_READ);
@@ -264,10 +193,13 @@ TEST_F(Exits, AFailureWinsFromEveryState) {
     shared.setExitCode(PHASE_NO_MORE);
     EXPECT_FALSE(shared.finishReading());
     EXPECT_EQ(shared.getExitCode(), PHASE_FAILED);
+    while (shared.takeEmpty(shared.lockEmptyList()) != nullptr) {
+    }
+    readThread(&shared);  // comes too late to be woken, and doesn't wait
 }
 
 // At 2 a send thread still empties the full list; at -1 it leaves it alone.
-TEST_F(Exits, FullBuffersGoOutBeforeASendThreadLeaves) {
+TEST_F(Shared, FullBuffersGoOutBeforeASendThreadLeaves) {
     const Blocks blocks = blocksOf({100, 200});
     makeBackup(7, blocks);
     HashListPtr list;
@@ -277,7 +209,11 @@ TEST_F(Exits, FullBuffersGoOutBeforeASendThreadLeaves) {
     const auto queue = [&] {
         for (hashReferenceInfo& record : records) {
             WorkBuffer* const buffer = shared.takeEmpty(shared.lockEmptyList());
-            EXPECT_EQ(buffer->addBlock(&record, nullptr), WorkBuffer::Done);
+            std::unique_lock large(shared.readLock);  // a send thread is reading a large block
+            auto adding = std::async(std::launch::async, [&] { return buffer->addBlock(&record, &shared.readLock); });
+            EXPECT_EQ(adding.wait_for(100ms), std::future_status::timeout);
+            large.unlock();
+            EXPECT_EQ(adding.get(), WorkBuffer::Done);
             shared.putFull(buffer);
         }
     };
@@ -294,6 +230,70 @@ TEST_F(Exits, FullBuffersGoOutBeforeASendThreadLeaves) {
     sendThread(&shared);
     EXPECT_TRUE(target->blocks.empty());
     EXPECT_TRUE(shared.hasFull(shared.lockFullList()));
+}
+
+// Threads that wait although there is something for them were woken and haven't run yet, or will never be.
+TEST_F(Shared, OnlyThreadsThatNothingCanWakeAreDead) {
+    using Stall = ThreadBuffer::Stall;
+    const auto found = [&] { return shared.findStall(shared.blockList.lockAccess()); };
+    WorkBuffer* const buffer = shared.takeEmpty(shared.lockEmptyList());
+    std::thread sender([&] {
+        TracedLock lock = shared.lockFullList();
+        shared.waitFullList(&lock);
+    });
+    shared.totalThreads = 2;
+    waitUntil([&] { return shared.waitingThreads() == 1; });
+    EXPECT_EQ(found(), Stall::Running);
+    shared.totalThreads = 1;
+    EXPECT_EQ(found(), Stall::Dead);
+    shared.totalToSend = 1;
+    shared.timeoutSeconds = 1;
+    EXPECT_EQ(syncThreads(&shared), -1);
+    EXPECT_TRUE(root.logged("Deadlock. Fail checkpoint."));
+    shared.wakeAll();
+    sender.join();
+    shared.putFull(buffer);
+    shared.timeoutSeconds = 60;
+    sender = std::thread([&] {
+        TracedLock lock = shared.lockFullList();
+        shared.waitFullList(&lock);
+    });
+    waitUntil([&] { return shared.waitingThreads() == 1; });
+    EXPECT_EQ(found(), Stall::Waking);
+    shared.wakeAll();
+    sender.join();
+}
+
+// A reader that missed a signal, played here: of a full list, and that the meta thread missed its own of the empty one.
+TEST_F(Shared, ALostSignalCostsTimeAndNoMore) {
+    makeBackup(7, blocksOf({100, 200}));
+    ASSERT_EQ(createHashList(&shared.hashList, 7, {}, 1), 0);
+    shared.totalThreads = 1;
+    shared.timeoutSeconds = 1;
+    std::thread meta(metaThread, &shared);
+    waitUntil([&] {
+        const TracedLock access = shared.blockList.lockAccess();
+        return shared.blockList.remaining() > 0;
+    });
+    auto reader = std::async(std::launch::async, [&] {
+        TracedLock access = shared.blockList.lockAccess();
+        shared.blockList.waitFull(&access);
+        while (shared.blockList.remaining() > 0)
+            shared.blockList.next();
+        while (shared.getExitCode() == PHASE_RUNNING)
+            shared.blockList.waitFull(&access);
+        return shared.getExitCode();
+    });
+    const bool isBack = reader.wait_for(30s) == std::future_status::ready;
+    EXPECT_TRUE(isBack);
+    if (!isBack) {
+        shared.setExitCode(PHASE_FAILED);
+        shared.wakeAll();
+        shared.wakeAll();
+    }
+    EXPECT_EQ(reader.get(), PHASE_NO_MORE);
+    EXPECT_TRUE(root.logged("All 1 threads wait and none has moved since the last look: they are woken"));
+    meta.join();
 }
 
 }  // namespace
