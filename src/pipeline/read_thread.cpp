@@ -166,10 +166,8 @@ void readThread(ThreadBuffer* threadBuffer) {
     LOG_THREAD(3, "Starting read thread");
     if (!runReader(threadBuffer))
         threadBuffer->setExitCode(PHASE_FAILED);
-    threadBuffer->wakeAll();
     LOG_THREAD(3, "ReadThread:Finished");
-    if (threadBuffer->finishReading()) {
+    if (threadBuffer->finishReading())
         LOG_THREAD(3, "Read Thead exited safely, notify send threads");
-        threadBuffer->wakeAll();
-    }
+    threadBuffer->wakeAll();  // once the exit code is the last one
 }

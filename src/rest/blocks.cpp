@@ -11,9 +11,7 @@
 
 namespace {
 
-constexpr int PROTOCOL = 1;
 constexpr int X_OFFSET = 1;
-constexpr int X_TIME = 5;
 
 template <typename T>
 void put(std::byte* place, const T& value) {
@@ -25,6 +23,36 @@ void writeCheckRecord(const hashReferenceInfo& record, std::byte* place) {
     put(place + 8, record.hashedLength);
     std::memcpy(place + 16, record.digest, HASH_VALUE_SIZE);
     put(place + 80, record.fileOffset);
+}
+
+int askAboutBlocks(const std::string& url, std::span<const hashReferenceInfo> records,
+                   std::optional<std::string>* reply, std::int64_t backupNo, int* curlStatus) {
+    const int count = static_cast<int>(records.size());
+    std::vector<std::byte> body(records.size() * CHECK_RECORD_SIZE);
+    for (std::size_t i = 0; i < records.size(); ++i)
+        writeCheckRecord(records[i], body.data() + i * CHECK_RECORD_SIZE);
+    TargetRequest request;
+    if (request.open(TargetRequest::Body::Some, url, "post-check-offset") == -1)
+        return -1;
+    request.header(HEADER_SIZE, "X-Expect:%d", count);
+    if (backupNo > 0)
+        request.backupNoHeader(backupNo);
+    request.protocolHeader();
+    if (request.post({body.data(), body.size()}, curlStatus) == -1)
+        return -1;
+    const auto size = static_cast<ssize_t>(request.reply().size());
+    if (request.errorCode() != HEADER_GOOD) {
+        LOG_HERE(0, "Curl failure: curl_easy_perform:%d, stat.errorCode:%d, response payload size:%zd, num:%d",
+                 request.curlCode(), request.errorCode(), size, count);
+        return request.result();
+    }
+    if (request.reply().size() != records.size()) {
+        LOG_HERE(0, "ERROR: Unexpected response payload size:%zd, expected size:%d, curl_easy_perform:%d.\n", size,
+                 count, request.curlCode());
+        return -1;
+    }
+    *reply = request.takeReply();
+    return 0;
 }
 
 // The name under which one block is sent.
@@ -62,12 +90,12 @@ bool hasItsDigest(const RequestBody& block, const hashValue& record) {
 int putOneBlock(const std::string& url, RequestBody block, const hashReferenceInfo& record, std::int64_t backupNo,
                 int* curlStatus) {
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, blockRequest(record)) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        request.header(HEADER_SIZE, "X-Offset: %lu", static_cast<std::uint64_t>(record.fileOffset)) == -1 ||
-        request.header(HEADER_SIZE, "X-Time: %d", X_TIME) == -1 ||
-        request.header(HEADER_SIZE, "X-BackupNo: %ld", backupNo) == -1)
+    if (request.open(TargetRequest::Body::Some, url, blockRequest(record)) == -1)
         return -1;
+    request.protocolHeader();
+    request.header(HEADER_SIZE, "X-Offset: %lu", static_cast<std::uint64_t>(record.fileOffset));
+    request.timeHeader();
+    request.backupNoHeader(backupNo);
     return request.put(memoryReadCallback, &block, block.remaining, curlStatus);
 }
 
@@ -146,32 +174,7 @@ void writeBlockHeader(const hashReferenceInfo& record, std::span<std::byte> head
 
 int postCheckOffset(const std::string& url, std::span<const hashReferenceInfo> records,
                     std::optional<std::string>* reply, std::int64_t backupNo, int* curlStatus) {
-    const int count = static_cast<int>(records.size());
-    std::vector<std::byte> body(records.size() * CHECK_RECORD_SIZE);
-    for (std::size_t i = 0; i < records.size(); ++i)
-        writeCheckRecord(records[i], body.data() + i * CHECK_RECORD_SIZE);
-    TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, "post-check-offset") == -1 ||
-        request.header(HEADER_SIZE, "X-Expect:%d", count) == -1)
-        return -1;
-    if (backupNo > 0 && request.header(HEADER_SIZE, "X-BackupNo: %ld", backupNo) == -1)
-        return -1;
-    if (request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        request.post({body.data(), body.size()}, curlStatus) == -1)
-        return -1;
-    const auto size = static_cast<ssize_t>(request.reply().size());
-    if (request.errorCode() != HEADER_GOOD) {
-        LOG_HERE(0, "Curl failure: curl_easy_perform:%d, stat.errorCode:%d, response payload size:%zd, num:%d",
-                 request.curlCode(), request.errorCode(), size, count);
-        return request.result();
-    }
-    if (request.reply().size() != records.size()) {
-        LOG_HERE(0, "ERROR: Unexpected response payload size:%zd, expected size:%d, curl_easy_perform:%d.\n", size,
-                 count, request.curlCode());
-        return -1;
-    }
-    *reply = request.takeReply();
-    return 0;
+    return failWithoutMemory([&] { return askAboutBlocks(url, records, reply, backupNo, curlStatus); });
 }
 
 int putMultiBlocks(const std::string& url, std::span<const std::byte> body, std::int64_t blockCount,
@@ -181,17 +184,15 @@ int putMultiBlocks(const std::string& url, std::span<const std::byte> body, std:
         return -1;
     }
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, "multiblock") == -1 ||
-        request.header(HEADER_SIZE, "X-Offset: %d", X_OFFSET) == -1 ||
-        request.header(HEADER_SIZE, "X-Time: %d", X_TIME) == -1 ||
-        request.header(HEADER_SIZE, "X-BackupNo: %ld", backupNo) == -1 ||
-        request.header(HEADER_SIZE, "X-BackupSize: %lu", body.size()) == -1 ||
-        request.header(HEADER_SIZE, "X-ClusterAmt: %ld", blockCount) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1)
+    if (request.open(TargetRequest::Body::Some, url, "multiblock") == -1)
         return -1;
-    LOG_HERE(4, "Options:\n%s\n%s\n%s\n%s\n%s\n%s\n", request.headerLine(0).c_str(), request.headerLine(1).c_str(),
-             request.headerLine(2).c_str(), request.headerLine(3).c_str(), request.headerLine(4).c_str(),
-             request.headerLine(5).c_str());
+    request.header(HEADER_SIZE, "X-Offset: %d", X_OFFSET);
+    request.timeHeader();
+    request.backupNoHeader(backupNo);
+    request.header(HEADER_SIZE, "X-BackupSize: %lu", body.size());
+    request.header(HEADER_SIZE, "X-ClusterAmt: %ld", blockCount);
+    request.protocolHeader();
+    LOG_HERE(4, "Options:\n%s", request.headerLines().c_str());
     RequestBody source{body.data(), body.size()};
     if (request.put(memoryReadCallback, &source, body.size(), curlStatus) == -1)
         return -1;
@@ -226,12 +227,12 @@ int putLargeBlock(const std::string& url, const hashValue& record, std::span<std
         return -1;
     }
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, blockRequest(record)) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        request.header(HEADER_SIZE, "X-Offset: %d", X_OFFSET) == -1 ||
-        request.header(HEADER_SIZE, "X-Time: %d", X_TIME) == -1 ||
-        request.header(HEADER_SIZE, "X-BackupNo: %ld", backupNo) == -1)
+    if (request.open(TargetRequest::Body::Some, url, blockRequest(record)) == -1)
         return -1;
+    request.protocolHeader();
+    request.header(HEADER_SIZE, "X-Offset: %d", X_OFFSET);
+    request.timeHeader();
+    request.backupNoHeader(backupNo);
     getThreadCurlData()->readLock = readLock;  // made by the request above
     LargeBlockSource source{record, window, record.hashedLength};
     if (request.put(hashedReadCallback, &source, source.length, curlStatus) == -1)

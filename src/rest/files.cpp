@@ -20,7 +20,6 @@ namespace {
 
 using StreamPtr = std::unique_ptr<FILE, Releaser<&fclose>>;
 
-constexpr int PROTOCOL = 1;
 constexpr int SOURCE_ENCRYPTION = 1;
 constexpr std::size_t TOKEN_SIZE = 1536;            // of every file that the system encrypts
 constexpr std::size_t STAGED_CIPHER_BLOCKS = 5000;  // room for what is read and not decrypted yet
@@ -138,7 +137,7 @@ bool decryptInto(char* out, EncryptedFileSource* source, std::size_t count) {
 
 // Takes whole cipher blocks only, so the pace's allowance isn't kept to the byte: what oversteps it wraps around, and
 // there is no more waiting within that second.
-std::size_t encryptedReadCallback(char* buffer, std::size_t size, std::size_t count, void* threadData) {
+std::size_t encryptedReadCallback(char* buffer, std::size_t size, std::size_t count, void* threadData) try {
     auto* const data = static_cast<ThreadCurlData*>(threadData);
     auto* const source = static_cast<EncryptedFileSource*>(data->userData);
     const timeval now = paceStart(data);
@@ -154,17 +153,21 @@ std::size_t encryptedReadCallback(char* buffer, std::size_t size, std::size_t co
     source->sentBytes += got;
     paceSpend(data, got, now);
     return got;
+} catch (const std::exception& e) {
+    LOG_HERE(0, "Reading an encrypted file failed: %s", e.what());
+    return CURL_READFUNC_ABORT;
 }
 
 // The URL and headers that both kinds of files have.
 int openFileRequest(TargetRequest* request, const std::string& url, const std::string& path, bool isEncrypted,
                     std::int64_t backupNoOnTarget, std::uint64_t elapsed) {
-    if (request->open(TargetRequest::Body::Some, url, "f-" + path) == -1 ||
-        request->header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        (isEncrypted && request->header(HEADER_SIZE, "X-SRCENC: %d", SOURCE_ENCRYPTION) == -1) ||
-        request->header(HEADER_SIZE, "X-BackupNo: %ld", backupNoOnTarget) == -1 ||
-        request->header(HEADER_SIZE, "X-ElapsedTime: %lu", elapsed) == -1)
+    if (request->open(TargetRequest::Body::Some, url, "f-" + path) == -1)
         return -1;
+    request->protocolHeader();
+    if (isEncrypted)
+        request->header(HEADER_SIZE, "X-SRCENC: %d", SOURCE_ENCRYPTION);
+    request->backupNoHeader(backupNoOnTarget);
+    request->header(HEADER_SIZE, "X-ElapsedTime: %lu", elapsed);
     return 0;
 }
 
@@ -184,11 +187,8 @@ int openDecryption(EncryptedFileSource* source) {
     return 0;
 }
 
-}  // namespace
-
-int putFile(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
-            std::uint64_t elapsed) {
-    LOG_HERE(6, "Starting putFiles(3)\n");
+int sendPlain(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
+              std::uint64_t elapsed) {
     const std::int64_t size = sizeOfFile(path);
     if (size == -1)
         return -1;
@@ -197,15 +197,11 @@ int putFile(const std::string& url, const std::string& path, std::int64_t backup
     if (!stream || openFileRequest(&request, url, path, false, backupNoOnTarget, elapsed) == -1)
         return -1;
     FileSource source{stream.get(), static_cast<std::uint64_t>(size)};
-    if (request.put(fileReadCallback, &source, source.remaining, curlStatus) == -1)
-        return -1;
-    LOG_HERE(6, "Exiting putFiles(3)\n");
-    return request.result();
+    return request.put(fileReadCallback, &source, source.remaining, curlStatus) == -1 ? -1 : request.result();
 }
 
-int putEncryptedFile(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
-                     std::uint64_t elapsed) {
-    LOG_HERE(4, "Starting putEncryptedFiles(3) num: %ld", backupNoOnTarget);
+int sendDecrypted(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
+                  std::uint64_t elapsed) {
     const std::int64_t size = sizeOfFile(path);
     if (size == -1)
         return -1;
@@ -221,4 +217,20 @@ int putEncryptedFile(const std::string& url, const std::string& path, std::int64
         request.put(encryptedReadCallback, &source, source.toSend, curlStatus) == -1)
         return -1;
     return request.result();
+}
+
+}  // namespace
+
+int putFile(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
+            std::uint64_t elapsed) {
+    LOG_HERE(6, "Starting putFiles(3)\n");
+    const int result = failWithoutMemory([&] { return sendPlain(url, path, backupNoOnTarget, curlStatus, elapsed); });
+    LOG_HERE(6, "Exiting putFiles(3)\n");
+    return result;
+}
+
+int putEncryptedFile(const std::string& url, const std::string& path, std::int64_t backupNoOnTarget, int* curlStatus,
+                     std::uint64_t elapsed) {
+    LOG_HERE(4, "Starting putEncryptedFiles(3) num: %ld", backupNoOnTarget);
+    return failWithoutMemory([&] { return sendDecrypted(url, path, backupNoOnTarget, curlStatus, elapsed); });
 }

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr int PROTOCOL = 1;
-constexpr int X_TIME = 5;
 constexpr std::size_t SMALLEST_CHECK_REPLY = 16;    // number and status
 constexpr std::size_t CHECK_REPLY_PROPERTIES = 24;  // and properties
 constexpr std::size_t CHECK_REPLY_CRC = 4;
@@ -62,7 +60,7 @@ std::int64_t readCheckReply(const std::string& reply, std::size_t amt, std::uint
     *status = wordAt<std::uint64_t>(reply, 8);
     if (reply.size() < CHECK_REPLY_PROPERTIES) {
         *properties = 0;
-        LOG_HERE(0, "Target does not support providing backup properties, local block elimination is not supported.");
+        LOG_HERE(1, "Target does not support providing backup properties, local block elimination is not supported.");
     } else {
         *properties = wordAt<std::uint64_t>(reply, 16);
         LOG_HERE(1, "Backup properties on target is %lu", *properties);
@@ -75,12 +73,12 @@ std::int64_t readCheckReply(const std::string& reply, std::size_t amt, std::uint
 std::int64_t postBackupCheck(const std::string& url, std::string_view identity, std::uint64_t backupNoOnTarget,
                              std::uint64_t* status, std::uint64_t* properties, int* curlStatus) {
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, "backup-check") == -1 ||
-        request.header(HEADER_SIZE, "X-Amt:%lu", identity.size()) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1)
+    if (request.open(TargetRequest::Body::Some, url, "backup-check") == -1)
         return -1;
-    if (backupNoOnTarget != 0 && request.header(HEADER_SIZE, "X-BackupNo: %lu", backupNoOnTarget) == -1)
-        return -1;
+    request.header(HEADER_SIZE, "X-Amt:%lu", identity.size());
+    request.protocolHeader();
+    if (backupNoOnTarget != 0)
+        request.header(HEADER_SIZE, "X-BackupNo: %lu", backupNoOnTarget);
     if (request.post(bodyOf(identity), curlStatus) == -1)
         return -1;
     if (request.errorCode() != HEADER_GOOD) {
@@ -93,14 +91,14 @@ std::int64_t postBackupCheck(const std::string& url, std::string_view identity, 
 std::int64_t startBackup(const std::string& url, std::string_view metadata, std::uint64_t reserveSize, int* curlStatus,
                          bool force) {
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, "start-backup") == -1 ||
-        request.header(HEADER_SIZE, "X-Time: %d", X_TIME) == -1 ||
-        request.header(HEADER_SIZE, "X-Amt:%lu", metadata.size()) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        request.header(HEADER_SIZE, "X-ReserveSize:%lu", reserveSize) == -1)
+    if (request.open(TargetRequest::Body::Some, url, "start-backup") == -1)
         return -1;
-    if (force && request.header(HEADER_SIZE, "X-Force: FORCE") == -1)
-        return -1;
+    request.timeHeader();
+    request.header(HEADER_SIZE, "X-Amt:%lu", metadata.size());
+    request.protocolHeader();
+    request.header(HEADER_SIZE, "X-ReserveSize:%lu", reserveSize);
+    if (force)
+        request.header(HEADER_SIZE, "X-Force: FORCE");
     if (request.post(bodyOf(metadata), curlStatus) == -1)
         return -1;
     if (request.errorCode() != HEADER_GOOD) {
@@ -121,11 +119,11 @@ std::int64_t startBackup(const std::string& url, std::string_view metadata, std:
 int postBlockCount(const std::string& url, std::uint64_t backupNoOnTarget, int* curlStatus, std::int64_t* count) {
     LOG_HERE(4, "postBlockCount");
     TargetRequest request;
-    if (request.open(TargetRequest::Body::None, url, "backup-block-count") == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1)
+    if (request.open(TargetRequest::Body::None, url, "backup-block-count") == -1)
         return -1;
-    if (backupNoOnTarget != 0 && request.header(HEADER_SIZE, "X-BackupNo: %lu", backupNoOnTarget) == -1)
-        return -1;
+    request.protocolHeader();
+    if (backupNoOnTarget != 0)
+        request.header(HEADER_SIZE, "X-BackupNo: %lu", backupNoOnTarget);
     if (request.postEmpty(curlStatus) == -1)
         return -1;
     LOG_HERE(4, "stat.errorCode:%d", request.errorCode());
@@ -146,11 +144,10 @@ int postBlockCount(const std::string& url, std::uint64_t backupNoOnTarget, int* 
 
 int endBackup(const std::string& url, const std::string& identity, std::string_view message, int* curlStatus) {
     TargetRequest request;
-    if (request.open(TargetRequest::Body::Some, url, "end-backup") == -1 ||
-        request.header(HEADER_SIZE, "X-Amt:%lu", message.size()) == -1 ||
-        request.header(IDENTITY_HEADER_SIZE, "X-BackupUUID: %s", identity.c_str()) == -1 ||
-        request.header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", PROTOCOL) == -1 ||
-        request.post(bodyOf(message), curlStatus) == -1)
+    if (request.open(TargetRequest::Body::Some, url, "end-backup") == -1)
         return -1;
-    return request.result();
+    request.header(HEADER_SIZE, "X-Amt:%lu", message.size());
+    request.header(IDENTITY_HEADER_SIZE, "X-BackupUUID: %s", identity.c_str());
+    request.protocolHeader();
+    return request.post(bodyOf(message), curlStatus) == -1 ? -1 : request.result();
 }

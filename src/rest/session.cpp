@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -49,13 +50,17 @@ constexpr JudgedLine WARNINGS[] = {
     {"Warning: Failed to process metaData\r\n", HEADER_CANNOT_PROCESS},
 };
 
+// The peer's words may hold anything: control characters don't reach the log.
 void logLine(int level, std::string_view line) {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.remove_suffix(1);
-    LOG_HERE(level, "%.*s", static_cast<int>(line.size()), line.data());
+    std::string text(line);
+    std::ranges::replace_if(
+        text, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+    LOG_HERE(level, "%s", text.c_str());
 }
 
-std::int32_t judge(std::string_view line, std::int32_t* errorCode) {
+std::int32_t judge(std::string_view line) {
     if (line == LINE_405) {
         LOG_HERE(0, "Failed Query");
         LOG_HERE(3, "HTTP/1.1 405 Bad Request\r\n");
@@ -73,21 +78,20 @@ std::int32_t judge(std::string_view line, std::int32_t* errorCode) {
             return known.verdict;
         }
     }
-    if (line.starts_with("Warning:")) {
+    if (line.starts_with("Warning:"))
         logLine(0, line);
-        if (*errorCode == HEADER_NOT_JUDGED)
-            *errorCode = HEADER_GOOD;
-    }
     return HEADER_GOOD;
 }
 
 }  // namespace
 
 ThreadCurlData* getThreadCurlData() {
-    if (pthread_once(&g_keyOnce, makeKey) != 0 || !g_keyMade) {
+    if (pthread_once(&g_keyOnce, makeKey) != 0) {
         LOG_HERE(0, "Failed to malloc thread curl data struct.");
         return nullptr;
     }
+    if (!g_keyMade)
+        return nullptr;
     if (void* known = pthread_getspecific(g_key); known != nullptr)
         return static_cast<ThreadCurlData*>(known);
     MallocPtr<ThreadCurlData> made(static_cast<ThreadCurlData*>(std::calloc(1, sizeof(ThreadCurlData))));
@@ -158,7 +162,7 @@ std::size_t headerCallback(char* line, std::size_t size, std::size_t count, void
         LOG_HERE(3, "HTTP/1.1 500 Internal Server Error");
         return 0;
     }
-    const std::int32_t verdict = judge(text, errorCode);
+    const std::int32_t verdict = judge(text);
     if (*errorCode == HEADER_NOT_JUDGED || (*errorCode == HEADER_GOOD && verdict != HEADER_GOOD))
         *errorCode = verdict;
     return text.size();
@@ -201,29 +205,26 @@ int TargetRequest::open(Body body, const std::string& target, std::string_view r
     return 0;
 }
 
-int TargetRequest::header(std::size_t limit, const char* format, ...) {
+void TargetRequest::header(std::size_t limit, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     std::string line = vformatString(format, arguments);
     va_end(arguments);
-    if (line.empty() || line.size() >= limit) {
-        LOG_HERE(0, "Message too long for buffer");
-        return -1;
-    }
+    const bool fits = !line.empty() && line.size() < limit;
     // Identities come from other systems: one with a line break in it must not become two headers.
-    if (line.find_first_of("\r\n") != std::string::npos) {
-        LOG_HERE(0, "A header with a line break is not sent");
-        return -1;
-    }
-    curl_slist* const list = curl_slist_append(headerList_.get(), line.c_str());
+    const bool isOneLine = line.find_first_of("\r\n") == std::string::npos;
+    curl_slist* const list = fits && isOneLine ? curl_slist_append(headerList_.get(), line.c_str()) : nullptr;
     if (list == nullptr) {
-        LOG_HERE(0, "Failed to allocate memory");
-        return -1;
+        LOG_HERE(0, "%s",
+                 !fits        ? "Message too long for buffer"
+                 : !isOneLine ? "A header with a line break is not sent"
+                              : "Failed to allocate memory");
+        hasAllHeaders_ = false;
+        return;
     }
     (void)headerList_.release();  // the list is the longer one now
     headerList_.reset(list);
-    headers_.push_back(std::move(line));
-    return 0;
+    headerLines_ += line + '\n';
 }
 
 int TargetRequest::post(RequestBody body, int* curlStatus) {
@@ -256,6 +257,8 @@ int TargetRequest::put(curl_read_callback callback, void* source, std::uint64_t 
 int TargetRequest::perform(bool optionsAreSet, int* curlStatus) {
     CURL* const handle = handle_.get();
     errorCode_ = HEADER_NOT_JUDGED;
+    if (!hasAllHeaders_)
+        return -1;
     if (!optionsAreSet || !set(handle, CURLOPT_URL, url_.c_str()) ||
         !set(handle, CURLOPT_HTTPHEADER, headerList_.get()) || !set(handle, CURLOPT_HEADERFUNCTION, &headerCallback) ||
         !set(handle, CURLOPT_HEADERDATA, &errorCode_)) {

@@ -5,32 +5,37 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/releaser.h"
+#include "log/logger.h"
 #include "rest/session.h"
 
 using CurlPtr = std::unique_ptr<CURL, Releaser<&curl_easy_cleanup>>;
 using HeaderListPtr = std::unique_ptr<curl_slist, Releaser<&curl_slist_free_all>>;
 
-inline constexpr std::size_t PROTOCOL_HEADER_SIZE = 32;  // bytes of a header's buffer
+inline constexpr std::size_t PROTOCOL_HEADER_SIZE = 32;  // a header's line and its NUL
 inline constexpr std::size_t IDENTITY_HEADER_SIZE = 512;
 inline constexpr std::size_t HEADER_SIZE = 256;
+inline constexpr int X_TIME = 5;
 inline constexpr std::size_t RESPONSE_LIMIT = 64u << 20;  // a longer reply is cut off, which fails the transfer
 
-// One request, from its URL to its verdict. The steps are called in this order; one that fails has logged why and the
-// request's result is -1.
+// One request, from its URL to its verdict: open, its headers in their order, then one of the exchanges. A header that
+// can't be made is logged, and the exchange then fails without having been tried.
 class TargetRequest {
 public:
     enum class Body { None, Some };
 
     // `body` None: a request without one, which leaves the thread's record alone.
     [[nodiscard]] int open(Body body, const std::string& target, std::string_view request);
-    [[nodiscard, gnu::format(printf, 3, 4)]] int header(std::size_t limit, const char* format, ...);
+    [[gnu::format(printf, 3, 4)]] void header(std::size_t limit, const char* format, ...);
+    void protocolHeader() { header(PROTOCOL_HEADER_SIZE, "X-Protocol: %d", 1); }
+    void timeHeader() { header(HEADER_SIZE, "X-Time: %d", X_TIME); }
+    void backupNoHeader(std::int64_t backupNo) { header(HEADER_SIZE, "X-BackupNo: %ld", backupNo); }
 
-    // Each performs the exchange and stores libcurl's code in *curlStatus.
+    // Each performs the exchange and stores libcurl's code in *curlStatus. 0 or -1.
     [[nodiscard]] int post(RequestBody body, int* curlStatus);
     [[nodiscard]] int postEmpty(int* curlStatus);
     [[nodiscard]] int put(curl_read_callback callback, void* source, std::uint64_t size, int* curlStatus);
@@ -41,7 +46,7 @@ public:
     [[nodiscard]] int curlCode() const { return curlCode_; }
     [[nodiscard]] const std::string& reply() const { return reply_; }
     [[nodiscard]] std::string takeReply() { return std::move(reply_); }
-    [[nodiscard]] const std::string& headerLine(std::size_t index) const { return headers_[index]; }
+    [[nodiscard]] const std::string& headerLines() const { return headerLines_; }  // each with its newline
 
     void logCurlFailure() const;
 
@@ -51,12 +56,24 @@ private:
     ThreadCurlData* threadData_ = nullptr;
     CurlPtr handle_;
     std::string url_;
-    std::vector<std::string> headers_;
+    std::string headerLines_;
+    bool hasAllHeaders_ = true;
     HeaderListPtr headerList_;
     std::string reply_;
     std::int32_t errorCode_ = HEADER_NOT_JUDGED;
     int curlCode_ = 0;
 };
+
+// Runs a request whose preparation takes memory: without it the request fails like any other.
+template <typename Request>
+[[nodiscard]] int failWithoutMemory(Request request) {
+    try {
+        return request();
+    } catch (const std::bad_alloc&) {
+        LOG_HERE(0, "Failed to allocate memory");
+        return -1;
+    }
+}
 
 // The callbacks, as libcurl calls them.
 std::size_t memoryReadCallback(char* buffer, std::size_t size, std::size_t count, void* threadData);

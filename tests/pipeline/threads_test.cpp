@@ -35,8 +35,9 @@ protected:
 
 TEST_F(Threads, KeysOfAnySizeWork) {
     settings.checkpoint = true;
-    const Blocks blocks = blocksOf({100, 200, 300, 400, 500});
+    Blocks blocks = blocksOf({100, 200, 300, 400, 500});
     makeBackup(7, blocks);
+    std::int64_t size = 1500;
     const auto expect = [&](const std::string& text, const char* logged) {
         SCOPED_TRACE(text);
         target->blocks.clear();
@@ -44,21 +45,26 @@ TEST_F(Threads, KeysOfAnySizeWork) {
         keys(text);
         EXPECT_EQ(send(), 0);
         EXPECT_TRUE(targetHas(blocks));
-        EXPECT_EQ(progress.current_size, 1500) << "counted once a batch";
+        EXPECT_EQ(progress.current_size, size) << "counted once a batch";
         EXPECT_TRUE(root.logged(logged));
     };
     settings.metaSize = 1;
     expect("ThreadBufferCount=1\nSendThreadCount=3\nReadThreadCount=2\n", "Threads created. Read:1, Send:3");
     expect("SendThreadCount=0\n", "Threads created. Read:1, Send:1");
     expect("SendThreadCount=2147483647\nThreadBufferCount=2147483647\n", "buffer count:64 setting to: 65");
-    // Limits that would end each wait at once, or overflow.
+    // Limits that would end each wait at once, or overflow; here the reader waits for a buffer.
     settings.metaSize = 100;
+    settings.checkpoint = false;
+    forgetBackup();
+    blocks = blocksOf({3000, 3001, 3002, 3003});
+    makeBackup(7, blocks);
+    size = 12006;
     target->beforeReply = [this](const std::string& name) {
         if (name == "multiblock")
-            waitUntil([this] { return root.logged("Timeout in metaThread"); }, 200ms);
+            waitUntil([this] { return root.logged("Timeout in metaThread"); }, 100ms);
     };
     for (const char* const limit : {"0", "-1", "2147483647"})
-        expect("MetaThreadTimeoutSeconds=" + std::string(limit) + "\n", "");
+        expect("SendThreadCount=1\nThreadBufferCount=2\nMetaThreadTimeoutSeconds=" + std::string(limit) + "\n", "");
 }
 
 TEST_F(Threads, AFailureIsTheResultAndWhoeverWaitsIsWokenAndNotTimedOut) {

@@ -7,7 +7,6 @@
 #include <optional>
 #include <thread>
 
-#include "bandwidth/blockOut.h"
 #include "config/services.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
@@ -57,46 +56,37 @@ TEST_F(Replies, AreJudgedByTheirExactHeaderLines) {
     const std::string cannot = "Warning: Failed to process metaData\r\n";
     const std::string interim(CONTINUE);
     const std::string outOfOrder(OUT_OF_ORDER);
-    const struct {
-        const char* what;
-        std::string raw;
-        int result;
-        int curl;
-    } cases[] = {
-        {"good", good + end, 0, 0},
-        {"405 as targets spell it", e405 + end, -3, 0},
-        {"405 as the standard spells it", "HTTP/1.1 405 Method Not Allowed\r\n" + end, 0, 0},
-        {"503", e503 + end, -4, 0},
-        {"503 of an older version", "HTTP/1.0 503 Service Unavailable\r\n" + end, 0, 0},
-        {"503 with other case", "HTTP/1.1 503 Service unavailable\r\n" + end, 0, 0},
-        {"503 after an interim reply", interim + e503 + end, -4, 0},
-        {"500 as the first line", e500 + end, -1, WRITE_ERROR},
-        {"500 after an interim reply", interim + e500 + end, 0, WRITE_ERROR},
-        {"404 is a line like any other", "HTTP/1.1 404 Not Found\r\n" + end, 0, 0},
-        {"out of order", good + outOfOrder + end, -5, 0},
-        {"can't process", good + cannot + end, -6, 0},
-        {"the first bad verdict wins", good + cannot + outOfOrder + end, -6, 0},
-        {"a bad status wins over a warning", e503 + cannot + end, -4, 0},
-        {"a good line clears nothing", e503 + "X-Fine: yes\r\n" + end, -4, 0},
-        {"a longer warning is another one", good + "Warning: Failed to process metaData!\r\n" + end, 0, 0},
-        {"a warning in a body is no header", ok(cannot), 0, 0},
-        {"line ends of another kind", good + "Warning: Failed to process metaData\n" + end, 0, 0},
-        {"header of 64 KiB", good + "X-Long: " + std::string(65536, 'x') + "\r\n" + end, 0, 0},
-        {"warning of 64 KiB", good + "Warning:" + std::string(65536, 'w') + "\r\n" + end, 0, 0},
-        {"warning with zero bytes", good + std::string("Warning: a\0b\r\n", 14) + end, 0, 8},
-        {"nothing", "", -1, GOT_NOTHING},
-        {"no HTTP", "SSH-2.0-OpenSSH\r\n", -1, 1},
-        {"length that lies", good + "Content-Length: 5\r\n\r\nabc", 0, PARTIAL_FILE},
-        {"chunks that end too early", good + "Transfer-Encoding: chunked\r\n\r\n5\r\nab", 0, PARTIAL_FILE},
-        {"chunk size that is none", good + "Transfer-Encoding: chunked\r\n\r\nzz\r\nab", 0, 56},
+    const auto expect = [&](const char* what, const std::string& raw, int result, int curlCode) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(verdictOn(raw), result);
+        EXPECT_EQ(curl, curlCode);
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(verdictOn(c.raw), c.result);
-        EXPECT_EQ(curl, c.curl);
-    }
-    EXPECT_TRUE(root.logged("Failed Query"));
-    EXPECT_TRUE(root.logged("Warning: Failed to process metaData!"));
+    expect("good", good + end, 0, 0);
+    expect("405 as targets spell it", e405 + end, -3, 0);
+    expect("405 as the standard spells it", "HTTP/1.1 405 Method Not Allowed\r\n" + end, 0, 0);
+    expect("503", e503 + end, -4, 0);
+    expect("503 with other case", "HTTP/1.1 503 Service unavailable\r\n" + end, 0, 0);
+    expect("503 after an interim reply", interim + e503 + end, -4, 0);
+    expect("500 as the first line", e500 + end, -1, WRITE_ERROR);
+    expect("500 after an interim reply", interim + e500 + end, 0, WRITE_ERROR);
+    expect("out of order", good + outOfOrder + end, -5, 0);
+    expect("can't process", good + cannot + end, -6, 0);
+    expect("the first bad verdict wins", good + cannot + outOfOrder + end, -6, 0);
+    expect("a bad status wins over a warning", e503 + cannot + end, -4, 0);
+    expect("a good line clears nothing", e503 + "X-Fine: yes\r\n" + end, -4, 0);
+    expect("a longer warning is another one", good + "Warning: Failed to process metaData!\r\n" + end, 0, 0);
+    expect("a warning in a body is no header", ok(cannot), 0, 0);
+    expect("header of 64 KiB", good + "X-Long: " + std::string(65536, 'x') + "\r\n" + end, 0, 0);
+    expect("warning of 64 KiB", good + "Warning:" + std::string(65536, 'w') + "\r\n" + end, 0, 0);
+    expect("warning with zero bytes", good + std::string("Warning: a\0b\r\n", 14) + end, 0, 8);
+    expect("warning that moves the cursor", good + "Warning: \x1b[2Jgone\r\n" + end, 0, 0);
+    expect("nothing", "", -1, GOT_NOTHING);
+    expect("no HTTP", "SSH-2.0-OpenSSH\r\n", -1, 1);
+    expect("length that lies", good + "Content-Length: 5\r\n\r\nabc", 0, PARTIAL_FILE);
+    expect("chunks that end too early", good + "Transfer-Encoding: chunked\r\n\r\n5\r\nab", 0, PARTIAL_FILE);
+    expect("chunk size that is none", good + "Transfer-Encoding: chunked\r\n\r\nzz\r\nab", 0, 56);
+    EXPECT_TRUE(root.logged("Failed Query") && root.logged("Warning: Failed to process metaData!"));
+    EXPECT_TRUE(root.logged("Warning: ?[2Jgone")) << "what a peer sends doesn't steer a terminal";
 }
 
 TEST_F(Replies, WithAVerdictKeepTheirPayloadOut) {
@@ -122,42 +112,30 @@ TEST_F(Replies, ToABackupCheckComeInThreeForms) {
     const auto raw = [](std::uint32_t value) {
         return std::string(std::bit_cast<std::array<char, 4>>(value).data(), 4);
     };
-    const struct {
-        const char* what;
-        const char* required;
-        std::string reply;
-        std::string identity;
-        std::int64_t result;
-        std::uint64_t properties;
-        const char* logged;
-    } cases[] = {
-        {"too small", "0", words.substr(0, 15), "identity", -1, 1,
-         "too small for any supported protocol version. Size: 15"},
-        {"no properties", "0", words.substr(0, 16), "identity", 9, 0, "local block elimination is not supported"},
-        {"almost properties", "0", words.substr(0, 23), "identity", 9, 0,
-         "does not support providing backup properties"},
-        {"properties", "0", words, "identity", 9, 0x600, "Backup properties on target is 1536"},
-        {"a checksum that nobody asked for", "0", covered + raw(~crc), "identity", 9, 0x600, "Protocol Three Size:36"},
-        {"a checksum that is right", "1", covered + raw(crc), "identity", 9, 0x600, "Checksum results."},
-        {"a checksum that is wrong", "1", covered + raw(crc ^ 1), "identity", -1, 1,
-         "Checksum does not match in response."},
-        {"no room for a checksum", "1", words, "identity", -1, 1, "Set [Replication] RequireChecksum=0"},
-        {"a byte short of it", "1", covered + raw(crc).substr(0, 3), "identity", -1, 1, "too small to contain one"},
-        {"only 1 asks for it", "2", covered + raw(~crc), "identity", 9, 0x600, ""},
-        {"an empty identity", "1", words + raw(crcOf24), "", 9, 0x600, "Protocol Three Size:28"},
-        {"bytes behind the checksum", "1", covered + raw(crc) + "more", "identity", 9, 0x600, "Checksum results."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        root.masterIni("[Replication]\nRequireChecksum=" + std::string(c.required) + "\n");
+    const auto expect = [&](const char* what, int required, const std::string& reply, std::int64_t result,
+                            std::uint64_t expected, const char* logged, const char* identity = "identity") {
+        SCOPED_TRACE(what);
+        root.masterIni("[Replication]\nRequireChecksum=" + std::to_string(required) + "\n");
         root.clearLog();
         status = properties = 1;
-        server.next(answer(ok(c.reply)));
-        EXPECT_EQ(check(c.identity), c.result);
-        EXPECT_EQ(status, c.result == -1 ? 1u : 0x400u);
-        EXPECT_EQ(properties, c.properties);
-        EXPECT_TRUE(root.logged(c.logged));
-    }
+        server.next(answer(ok(reply)));
+        EXPECT_EQ(check(identity), result);
+        EXPECT_EQ(status, result == -1 ? 1u : 0x400u);
+        EXPECT_EQ(properties, expected);
+        EXPECT_TRUE(root.logged(logged));
+    };
+    expect("too small", 0, words.substr(0, 15), -1, 1, "too small for any supported protocol version. Size: 15");
+    expect("no properties", 0, words.substr(0, 16), 9, 0, "local block elimination is not supported");
+    expect("almost properties", 0, words.substr(0, 23), 9, 0, "does not support providing backup properties");
+    expect("properties", 0, words, 9, 0x600, "Backup properties on target is 1536");
+    expect("a checksum that nobody asked for", 0, covered + raw(~crc), 9, 0x600, "Protocol Three Size:36");
+    expect("a checksum that is right", 1, covered + raw(crc), 9, 0x600, "Checksum results.");
+    expect("a checksum that is wrong", 1, covered + raw(crc ^ 1), -1, 1, "Checksum does not match in response.");
+    expect("no room for a checksum", 1, words, -1, 1, "Set [Replication] RequireChecksum=0");
+    expect("a byte short of it", 1, covered + raw(crc).substr(0, 3), -1, 1, "too small to contain one");
+    expect("only 1 asks for it", 2, covered + raw(~crc), 9, 0x600, "");
+    expect("an empty identity", 1, words + raw(crcOf24), 9, 0x600, "Protocol Three Size:28", "");
+    expect("bytes behind the checksum", 1, covered + raw(crc) + "more", 9, 0x600, "Checksum results.");
 }
 
 TEST_F(Replies, OfTheWrongLengthAreRefused) {
@@ -273,23 +251,6 @@ TEST_F(Replies, AreWaitedForAsLongAsTheTargetIsSilent) {
     EXPECT_EQ(result, -1);
     EXPECT_EQ(curl, GOT_NOTHING);
     EXPECT_FALSE(transferIsRunning());
-}
-
-TEST_F(Replies, TakeTheirTimeWhenTheBandwidthIsSmall) {
-    ASSERT_EQ(createBandwidthTable(), 0);
-    ASSERT_EQ(parseBlockOutPeriods("=4096"), 0);
-    getThreadCurlData()->lastSecond = 0;  // a limit takes effect with the next second
-    const std::string body(9000, 'b');
-    server.standing(answer(ok("")));
-    timeval start;
-    timeval end;
-    ASSERT_EQ(gettimeofday(&start, nullptr), 0);
-    EXPECT_EQ(putMultiBlocks(server.name(), std::as_bytes(std::span(body)), 1, 1, &curl), 0);
-    ASSERT_EQ(gettimeofday(&end, nullptr), 0);
-    EXPECT_EQ(end.tv_sec - start.tv_sec, 2) << "4096 bytes in each of two seconds, the rest in the third";
-    EXPECT_EQ(server.lastRequest().body, body);
-    detachBandwidthTable();
-    EXPECT_EQ(putMultiBlocks(server.name(), std::as_bytes(std::span(body)), 1, 1, &curl), 0);
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 // What each request puts on the wire, to the byte.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <optional>
 
+#include "bandwidth/blockOut.h"
 #include "rest/blocks.h"
 #include "rest/files.h"
 #include "rest/lifecycle.h"
@@ -135,6 +138,7 @@ TEST_F(Requests, ABlockThatIsNotWhatItsNameSaysIsNotSentWhenItIsVerified) {
 }
 
 TEST_F(Requests, ThatCannotBePutTogetherAreNotMade) {
+    server.standing(answer(ok("")));
     EXPECT_EQ(endBackup(server.name(), std::string(512 - sizeof "X-BackupUUID: ", 'u') + "xx", "m", &curl), -1);
     EXPECT_TRUE(root.logged("Message too long for buffer"));
     EXPECT_EQ(endBackup(server.name(), "u\r\nX-Force: FORCE", "m", &curl), -1) << "an identity is data";
@@ -148,7 +152,6 @@ TEST_F(Requests, ThatCannotBePutTogetherAreNotMade) {
     std::byte window[16];
     EXPECT_EQ(putLargeBlock(server.name(), huge, window, 1, &curl, nullptr), -1);
     EXPECT_TRUE(server.requests().empty());
-    server.next(answer(ok("")));
     EXPECT_EQ(endBackup(server.name(), std::string(512 - sizeof "X-BackupUUID: ", 'u'), "m", &curl), 0)
         << "the longest identity";
 }
@@ -201,12 +204,11 @@ TEST_F(LargeBlocks, GoThroughAWindowOfAnySize) {
     const std::string block = testsupport::randomBytes(100000, 1);
     makeBackup(7, {"before", block, "after"});
     const hashValue record = testsupport::recordOf(block);
-    std::mutex lock;
     for (const std::size_t size : {100000, 250000, 50000, 30000, 99999, 7000}) {
         SCOPED_TRACE(size);
         std::vector<std::byte> window(size);
         server.next(answer(ok("")));
-        EXPECT_EQ(putLargeBlock(server.name(), record, window, 31, &curl, &lock), 0);
+        EXPECT_EQ(putLargeBlock(server.name(), record, window, 31, &curl, nullptr), 0);
         EXPECT_EQ(curl, 0);
         const Request request = server.lastRequest();
         EXPECT_TRUE(request.isComplete && request.body == block);
@@ -214,10 +216,50 @@ TEST_F(LargeBlocks, GoThroughAWindowOfAnySize) {
         EXPECT_EQ(request.ownHeaders(), "X-Protocol: 1|X-Offset: 1|X-Time: 5|X-BackupNo: 31");
         EXPECT_EQ(request.header("Content-Length"), "100000");
     }
-    EXPECT_EQ(getThreadCurlData()->readLock, &lock);
+    // One context reads all windows: the file is opened once.
+    std::vector<std::byte> window(7000);
+    root.clearLog();
+    server.standing(answer(ok("")));
+    EXPECT_EQ(putLargeBlock(server.name(), record, window, 31, &curl, nullptr), 0);
+    EXPECT_TRUE(root.logged("Data buffered (100000 bytes), transfer 7000 bytes") &&
+                root.logged("Data found in buffer, transfer 2000 bytes"));
+    // Each window is read under the lock.
+    std::mutex lock;
+    lock.lock();
+    auto sending =
+        std::async(std::launch::async, [&] { return putLargeBlock(server.name(), record, window, 31, &curl, &lock); });
+    EXPECT_EQ(sending.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(sending.get(), 0);
     EXPECT_TRUE(lock.try_lock()) << "held around reads only";
     lock.unlock();
-    getThreadCurlData()->readLock = nullptr;
+}
+
+// 4096 bytes in each of two seconds, the rest in the third, whatever the body is read from.
+TEST_F(LargeBlocks, AndAllOtherBodiesTakeTheirTimeWhenTheBandwidthIsSmall) {
+    const std::string data(9000, 'b');
+    makeBackup(7, {data});
+    testsupport::writeFile(root / "file", data);
+    server.standing(answer(ok("")));
+    ASSERT_EQ(createBandwidthTable(), 0);
+    ASSERT_EQ(parseBlockOutPeriods("=4096"), 0);
+    std::vector<std::byte> window(data.size());
+    const auto expect = [&](const char* what, const auto& put) {
+        SCOPED_TRACE(what);
+        getThreadCurlData()->lastSecond = 0;  // a limit takes effect with the next second
+        timeval start;
+        timeval end;
+        ASSERT_EQ(gettimeofday(&start, nullptr), 0);
+        EXPECT_EQ(put(), 0);
+        ASSERT_EQ(gettimeofday(&end, nullptr), 0);
+        EXPECT_EQ(end.tv_sec - start.tv_sec, 2);
+        EXPECT_EQ(server.lastRequest().body, data);
+    };
+    expect("memory", [&] { return putMultiBlocks(server.name(), bytesOf(data), 1, 1, &curl); });
+    expect("a large block",
+           [&] { return putLargeBlock(server.name(), testsupport::recordOf(data), window, 1, &curl, nullptr); });
+    expect("a file", [&] { return putFile(server.name(), root / "file", 1, &curl, 0); });
+    detachBandwidthTable();
 }
 
 TEST_F(LargeBlocks, WhoseDataCannotBeReadFailTheTransfer) {
