@@ -3,7 +3,6 @@
 #include <optional>
 
 #include "bookkeeping/common.h"
-#include "config/settings.h"
 #include "database/pghelper.h"
 #include "log/logger.h"
 #include "replication/replication.h"
@@ -127,14 +126,14 @@ bool isHeldByTarget(std::uint64_t backupNo, const std::string& target) {
 
 }  // namespace
 
-bool useBlockElim(std::uint64_t backupNo) {
+bool useBlockElim(const ReplicationSettings& settings, std::uint64_t backupNo) {
     LOG_HERE(4, "useBlockElim, Decide when to use local block elemination");
     LOG_HERE(4, "blockEliminationType:%d blockEliminationCandidate:%d localBlockElimination:%d",
-             g_settings.blockEliminationType, g_settings.blockEliminationCandidate,
-             static_cast<int>(g_settings.localBlockElimination));
-    if (!g_settings.localBlockElimination)
+             settings.blockEliminationType, settings.blockEliminationCandidate,
+             static_cast<int>(settings.localBlockElimination));
+    if (!settings.localBlockElimination)
         return false;
-    switch (g_settings.blockEliminationCandidate) {
+    switch (settings.blockEliminationCandidate) {
         case CANDIDATE_REPLICATED:
             return isReplicatedRecord(backupNo);
         case CANDIDATE_MASTERS:

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "config/settings.h"
+
 // Values of BlockEliminationType.
 inline constexpr int LBE_NONE = 0;
 inline constexpr int LBE_LAST_MASTER = 1;
@@ -13,7 +15,7 @@ inline constexpr int LBE_INSTANCE = 3;
 inline constexpr int LBE_ALL = 4;
 
 // Whether the settings let this backup use block elimination.
-[[nodiscard]] bool useBlockElim(std::uint64_t backupNo);
+[[nodiscard]] bool useBlockElim(const ReplicationSettings& settings, std::uint64_t backupNo);
 
 // The backups whose blocks can be left out, by `mode`. With a `target` (null: not checked) each of them is asked about,
 // which costs one request, and one that the target doesn't hold or has not hashed leaves its entry 0, which names no

@@ -2,16 +2,15 @@
 
 #include <vector>
 
-#include "config/settings.h"
 #include "elimination/elimination.h"
 #include "log/logger.h"
 
-int openBlockSource(std::uint64_t backupNo, const std::string& target, HashListPtr* list) {
+int openBlockSource(const ReplicationSettings& settings, const SendJob& job, HashListPtr* list) {
     constexpr int DISTINCT = 1;  // a checkpoint compares with the target's count of unique blocks
     std::vector<std::uint64_t> exclusions;
-    if (useBlockElim(backupNo)) {
+    if (useBlockElim(settings, job.backupNo)) {
         LOG_HERE(3, "Using local block elimination");
-        const std::int64_t count = getLbeList(backupNo, g_settings.blockEliminationType, &exclusions, &target);
+        const std::int64_t count = getLbeList(job.backupNo, settings.blockEliminationType, &exclusions, &job.url);
         if (count == -1) {
             LOG_HERE(0, "Failed to get exclusion list:%ld", count);
             return -1;
@@ -20,7 +19,7 @@ int openBlockSource(std::uint64_t backupNo, const std::string& target, HashListP
     } else {
         LOG_HERE(3, "Not using local block elimination");
     }
-    if (createHashList(list, backupNo, exclusions, DISTINCT) == -1) {
+    if (createHashList(list, job.backupNo, exclusions, DISTINCT) == -1) {
         LOG_HERE(0, "failed to create virtual block list");
         return -1;
     }

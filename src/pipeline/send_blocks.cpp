@@ -33,7 +33,7 @@ public:
     SingleThreadedPhase(const ReplicationSettings& settings, const SendJob& job) : settings_(settings), job_(job) {}
 
     int run() {
-        if (allocateBuffer() == -1 || allocateRecords() == -1 || openBlockSource(job_.backupNo, job_.url, &list_) == -1)
+        if (allocateBuffer() == -1 || allocateRecords() == -1 || openBlockSource(settings_, job_, &list_) == -1)
             return -1;
         while (!stopped_) {
             if (metaLeft_ == 0)

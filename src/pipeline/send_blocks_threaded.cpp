@@ -149,7 +149,7 @@ int runPhase(const ReplicationSettings& settings, const SendJob& job) {
         LOG_HERE(0, "Caught initialization exception:%s", e.what());
         return -1;
     }
-    if (openBlockSource(job.backupNo, job.url, &shared->hashList) == -1)
+    if (openBlockSource(settings, job, &shared->hashList) == -1)
         return -1;
     const int result = runThreads(&*shared, counts);
     closeHashList(&shared->hashList);

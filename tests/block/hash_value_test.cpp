@@ -33,44 +33,31 @@ TEST(Tuple3, NamesABlockAndIsReadBack) {
 
 TEST(Tuple3, RefusedTextLeavesAZeroedRecord) {
     TestRoot root;
-    const std::string digits(128, 'a');
-    const struct {
-        const char* what;
-        std::string text;
-        bool good;
-        bool logged;
-    } cases[] = {
-        {"lower case digits", "b-sha512-3-" + digits, true, false},
-        {"more digits than a digest", "b-sha512-3-" + digits + "zz", true, false},
-        {"another part behind", "b-sha512-3-" + digits + "-x", true, false},
-        {"unknown type is not refused here", "b-md5-3-" + digits, true, false},
-        {"other mark", "c-sha512-3-" + digits, false, true},
-        {"longer mark", "bb-sha512-3-" + digits, false, true},
-        {"empty", "", false, true},
-        {"only dashes", "---", false, true},
-        {"mark alone", "b", false, false},
-        {"no digest", "b-sha512-3", false, false},
-        {"empty digest", "b-sha512-3-", false, false},
-        {"empty type", "b--3-" + digits, false, false},
-        {"type of nine letters", "b-sha512abc-3-" + digits, false, false},
-        {"length is no number", "b-sha512-x-" + digits, false, false},
-        {"length below 0", "b-sha512--3-" + digits, false, false},
-        {"length over 64 bits", "b-sha512-18446744073709551616-" + digits, false, false},
-        {"one digit short", "b-sha512-3-" + digits.substr(1), false, false},
-        {"blank in the digits", "b-sha512-3- " + digits.substr(1), false, false},
-        {"sign in the digits", "b-sha512-3-+" + digits.substr(1), false, false},
-        {"NUL in the digits", "b-sha512-3-" + std::string(1, '\0') + digits.substr(1), false, false},
-    };
     const hashValue zero{};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    const auto expect = [&](const std::string& text, bool good, bool logged = false) {
+        SCOPED_TRACE(text);
         root.clearLog();
         hashValue value = recordOf("other");
-        EXPECT_EQ(tuple3ToHashValue(c.text, &value), c.good ? 0 : -1);
-        EXPECT_EQ(value.flags, c.good ? hashValue_in : 0u);
-        EXPECT_EQ(std::memcmp(&value, &zero, sizeof value) == 0, !c.good);
-        EXPECT_EQ(root.logged("Not a valid block format"), c.logged);
-    }
+        EXPECT_EQ(tuple3ToHashValue(text, &value), good ? 0 : -1);
+        EXPECT_EQ(value.flags, good ? hashValue_in : 0u);
+        EXPECT_EQ(std::memcmp(&value, &zero, sizeof value) == 0, !good);
+        EXPECT_EQ(root.logged("Not a valid block format"), logged);
+    };
+    const std::string digits(128, 'a');
+    expect("b-sha512-3-" + digits, true);
+    expect("b-sha512-3-" + digits + "zz", true);  // more digits than a digest
+    expect("b-sha512-3-" + digits + "-x", true);
+    expect("b-md5-3-" + digits, true);  // an unknown type is not refused here
+    for (const std::string& text : {"c-sha512-3-" + digits, "bb-sha512-3-" + digits, std::string(), std::string("---")})
+        expect(text, false, true);
+    for (const char* const text : {"b", "b-sha512-3", "b-sha512-3-"})
+        expect(text, false);
+    for (const char* const named : {"b--3-", "b-sha512abc-3-", "b-sha512-x-", "b-sha512--3-",
+                                    "b-sha512-18446744073709551616-"})  // type and length that are none
+        expect(named + digits, false);
+    for (const char first : {' ', '+', '\0'})
+        expect("b-sha512-3-" + std::string(1, first) + digits.substr(1), false);
+    expect("b-sha512-3-" + digits.substr(1), false);
 }
 
 TEST(HashValue, OnlyTheWholeNameIsAKnownType) {

@@ -21,7 +21,6 @@ class Elimination : public ::testing::Test {
 protected:
     Elimination() : catalogue(testsupport::Catalogue::instance()) {
         catalogue.reset();
-        g_settings = {};
         // Instance 1: masters 1 and 4; instance 2: master 2. 7 waits to be sent anew, 9 is the one to be sent.
         catalogue.sql(
             "INSERT INTO dq.application_instances (instance_id, node_no, app_id, identity) VALUES (1, 1, 1, "
@@ -30,8 +29,6 @@ protected:
             "(2, 2, 1, 2, 200), (3, 1, 3, 2, 300), (4, 1, 1, 2, 400), (5, 1, 3, 2, 500), (6, 1, 1, 0, 600), "
             "(7, 1, 1, 3, 700), (8, 2, 3, 0, 800), (9, 1, 3, 1, 900), (10, 1, 1, 2, 1000)");
     }
-    ~Elimination() override { g_settings = {}; }
-
     static std::string checkReply(std::int64_t number, std::uint64_t status, std::uint64_t properties) {
         std::string reply(24, '\0');
         std::memcpy(reply.data(), &number, 8);
@@ -41,6 +38,7 @@ protected:
     }
 
     testsupport::TestRoot root;
+    ReplicationSettings settings;
     testsupport::Catalogue& catalogue;
 };
 
@@ -107,10 +105,10 @@ TEST_F(Elimination, CandidatesAreChosenByTypeOrProperty) {
         "INSERT INTO dq.backups (backup_no, type) VALUES (20, 5), (21, 9), (22, 12), (23, 1031), (24, 13)");
     const auto expect = [&](const char* what, int candidate, bool isOn, const Backups& expected) {
         SCOPED_TRACE(what);
-        g_settings.localBlockElimination = isOn;
-        g_settings.blockEliminationCandidate = candidate;
+        settings.localBlockElimination = isOn;
+        settings.blockEliminationCandidate = candidate;
         Backups used = {1, 3, 4, 9, 20, 21, 22, 23, 24, 99};
-        std::erase_if(used, [](std::uint64_t backup) { return !useBlockElim(backup); });
+        std::erase_if(used, [&](std::uint64_t backup) { return !useBlockElim(settings, backup); });
         EXPECT_EQ(used, expected);
     };
     expect("switched off", 3, false, {});

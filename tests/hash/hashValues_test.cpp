@@ -147,40 +147,30 @@ TEST_F(HashValues, ADatabaseWithoutCompressedLengthIsServedToo) {
 
 TEST_F(HashValues, UpdateChangesTheMappingsThatItsBoundsName) {
     HashValuesPtr handle;
-    const std::uint64_t hash = addHash("a");
-    const struct {
-        const char* what;
-        std::uint32_t referenceFlags;
-        std::uint64_t deduplicated;
-        bool withID;
-        std::int64_t first;
-        std::int64_t last;
-        std::int64_t changed;
-        const char* rows;
-    } cases[] = {
-        {"nothing to do", 0, 5, false, 0, INT64_MAX, 0, "0|7|t\n10|7|t\n20|7|t"},
-        {"all complete", complete_in | reference_complete, 5, false, 0, INT64_MAX, 3, "0|7|f\n10|7|f\n20|7|f"},
-        {"0 writes the default", deduplicated_in, 0, false, 10, 10, 1, "0|7|t\n10||t\n20|7|t"},
-        {"both", deduplicated_in | complete_in | reference_complete, 5, true, 0, 0, 1, "0|5|f\n10|7|t\n20|7|t"},
-        {"a first bound is the only one", deduplicated_in, 5, false, 10, 15, 2, "0|7|t\n10|5|t\n20|5|t"},
-        {"the last bound without a first", deduplicated_in, 5, false, 0, 10, 2, "0|5|t\n10|5|t\n20|7|t"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    hashReferenceInfo record{};
+    record.backupNumber = 4;
+    record.hashID = addHash("a");
+    const auto expect = [&](const char* what, std::uint32_t referenceFlags, std::uint64_t deduplicated,
+                            std::int64_t first, std::int64_t last, std::int64_t changed, const char* rows) {
+        SCOPED_TRACE(what);
         catalogue.sql("DELETE FROM dq.backups_hash_values");
         for (const std::int64_t offset : {0, 10, 20})
-            addMapping(4, hash, offset, "7", true);
-        hashReferenceInfo record{};
-        record.backupNumber = 4;
-        record.referenceFlags = c.referenceFlags;
-        record.deduplicated = c.deduplicated;
-        record.hashID = hash;
-        record.flags = c.withID ? hashID_in : 0;
-        EXPECT_EQ(updateHashInfo(&handle, record, c.first, c.last), c.changed);
+            addMapping(4, record.hashID, offset, "7", true);
+        record.referenceFlags = referenceFlags;
+        record.deduplicated = deduplicated;
+        EXPECT_EQ(updateHashInfo(&handle, record, first, last), changed);
         EXPECT_EQ(catalogue.rows("SELECT file_offset, deduplicated, hash_incomplete FROM dq.backups_hash_values ORDER "
                                  "BY file_offset"),
-                  c.rows);
-    }
+                  rows);
+    };
+    const std::uint32_t complete = complete_in | reference_complete;
+    expect("nothing to do", 0, 5, 0, INT64_MAX, 0, "0|7|t\n10|7|t\n20|7|t");
+    expect("all complete", complete, 5, 0, INT64_MAX, 3, "0|7|f\n10|7|f\n20|7|f");
+    expect("0 writes the default", deduplicated_in, 0, 10, 10, 1, "0|7|t\n10||t\n20|7|t");
+    expect("a first bound is the only one", deduplicated_in, 5, 10, 15, 2, "0|7|t\n10|5|t\n20|5|t");
+    expect("the last bound without a first", deduplicated_in, 5, 0, 10, 2, "0|5|t\n10|5|t\n20|7|t");
+    record.flags = hashID_in;
+    expect("both", deduplicated_in | complete, 5, 0, 0, 1, "0|5|f\n10|7|t\n20|7|t");
     EXPECT_EQ(deleteHashValueMappings(&handle, 4, 10, 15), 1);
     EXPECT_EQ(deleteHashValueMappings(&handle, 4, 0, INT64_MAX), 2);
     EXPECT_TRUE(root.logged("deleteHashValueMappings(): 1 hash mapping deleted for backup 4"));

@@ -47,9 +47,16 @@ protected:
     }
 
     hashValue record() const {
-        hashValue value = recordOf(data);
-        value.flags = hashID_in | hashValue_in;
-        value.hashID = hashID;
+        hashValue value = listed(data, hashID);
+        outFlagsToIn(&value);
+        return value;
+    }
+
+    // A record as lists deliver it.
+    static hashValue listed(const std::string& block, std::uint64_t id) {
+        hashValue value = recordOf(block);
+        value.hashID = id;
+        value.flags = hashID_out | hashValue_out;
         return value;
     }
 
@@ -88,9 +95,8 @@ TEST_F(HashedContents, ReadsAnyPartOfABlockFromABackupsFile) {
     hashValue byName = recordOf(data);
     EXPECT_EQ(readHashedContents(&handle, &byName, buffer, 0), 300000) << "by the digest alone";
     EXPECT_EQ(byName.hashID, hashID);
-    hashValue listed = record();
-    listed.flags = hashID_out | hashValue_out;
-    EXPECT_EQ(readHashedContents(&handle, &listed, buffer, 0), 300000) << "a record as lists deliver it";
+    hashValue delivered = listed(data, hashID);
+    EXPECT_EQ(readHashedContents(&handle, &delivered, buffer, 0), 300000);
     hashValue unknown = recordOf("never seen");
     EXPECT_EQ(readHashedContents(&handle, &unknown, buffer, 0), 0);
     hashValue keyless{};
@@ -259,9 +265,7 @@ TEST_F(HashedContents, AnnouncedBlocksAreLookedUpTogether) {
     addMapping(1, otherID, 100);
     writeFile(fileOf(1), std::string(100, 'x') + other + std::string(3900, 'x') + data);
     hashValue first = record();
-    hashValue second = recordOf(other);
-    second.hashID = otherID;
-    second.flags = hashID_out | hashValue_out;
+    hashValue second = listed(other, otherID);
     const std::vector<hashValue*> records{&second, &first};
     ASSERT_EQ(announceHashedContents(&handle, records), 0);
     EXPECT_FALSE(canLock(1));
@@ -286,12 +290,8 @@ TEST_F(HashedContents, AnnouncedBlocksThatLieElsewhereAreReadAsEver) {
     writeFile(fileOf(2), other);
     addMapping(2, otherID, 0);
     hashValue first = record();
-    hashValue second = recordOf(other);
-    second.hashID = otherID;
-    second.flags = hashID_out | hashValue_out;
-    hashValue gone = recordOf("gone");
-    gone.hashID = 4711;
-    gone.flags = hashID_out | hashValue_out;
+    hashValue second = listed(other, otherID);
+    hashValue gone = listed("gone", 4711);
     const std::vector<hashValue*> records{&first, &gone, &second};
     ASSERT_EQ(announceHashedContents(&handle, records), 0);
     std::vector<std::byte> buffer(300000);

@@ -134,10 +134,12 @@ TEST_P(EachPhase, MemoryThatCannotBeHadFailsThePhaseAndNotTheJob) {
     constexpr std::size_t BLOCKS = 73;
     settings.metaSize = 100;
     makeBackup(7, blocksOf(std::vector<std::size_t>(BLOCKS, 40)));
-    g_failingSize = BLOCKS * sizeof(void*);  // what is needed to look the batch up
-    EXPECT_EQ(send(), -1);
-    g_failingSize = 0;
-    EXPECT_TRUE(root.logged("std::bad_alloc"));
+    for (const std::size_t size : {sizeof(void*), CHECK_RECORD_SIZE}) {  // to look the batch up, and to ask about it
+        g_failingSize = BLOCKS * size;
+        EXPECT_EQ(send(), -1);
+        g_failingSize = 0;
+    }
+    EXPECT_TRUE(root.logged("std::bad_alloc") && root.logged("Failed to allocate memory"));
     EXPECT_EQ(send(), 0);
 }
 
@@ -166,7 +168,7 @@ TEST_P(EachPhase, BlocksOfABackupThatTheTargetHoldsAreNotAskedAbout) {
     EXPECT_EQ(send(), 0);
     EXPECT_TRUE(targetHas(blocks)) << "an unconfirmed backup excludes nothing";
     EXPECT_EQ(questions(), isThreaded() ? "10210" : "121");
-    g_settings.blockEliminationType = 9;
+    settings.blockEliminationType = 9;
     EXPECT_EQ(send(), -1);
     EXPECT_TRUE(root.logged("Failed to get exclusion list:-1"));
 }

@@ -21,13 +21,11 @@ using SendPhase = int (*)(const ReplicationSettings&, const SendJob&);
 class SendFixture : public HashedBackup {
 protected:
     SendFixture() {
-        g_settings = {};
         settings.metaSize = 2;
         settings.maxBlocks = 4096;
         progress.operation = "processing";
         progress.next_size = 0;  // a write is due at once
     }
-    ~SendFixture() override { g_settings = {}; }
 
     int send(SendPhase phase) {
         return phase(settings, {.backupNo = 7,

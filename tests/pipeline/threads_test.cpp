@@ -174,9 +174,15 @@ TEST_F(Threads, WhoHasNothingToSendIsNotAttached) {
     ASSERT_EQ(createBandwidthTable(), 0);
     bandwidthTable = getBandwidthTableId();
     shmid_ds state{};
+    const auto bothHaveWaited = [&] {
+        const std::string log = root.log();
+        return log.find("Wait on Full list") != log.rfind("Wait on Full list");
+    };
     target->beforeReply = [&](const std::string& name) {
-        if (name == "multiblock")
-            waitUntil([&] { return shmctl(bandwidthTable, IPC_STAT, &state) == 0 && state.shm_nattch == 2; }, 10s);
+        if (name != "multiblock")
+            return;
+        waitUntil(bothHaveWaited);
+        waitUntil([&] { return shmctl(bandwidthTable, IPC_STAT, &state) == 0 && state.shm_nattch == 2; }, 10s);
     };
     EXPECT_EQ(send(), 0);
     EXPECT_EQ(state.shm_nattch, 2u) << "this thread and the sender";
