@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <optional>
 
@@ -159,36 +160,30 @@ TEST_F(Requests, ThatCannotBePutTogetherAreNotMade) {
 TEST_F(Requests, AFileIsSentAsAnnouncedOrFails) {
     const std::string path = root / "f";
     const std::string content = testsupport::randomBytes(3 << 20, 5);
-    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, content.size()}) {
+    std::string surplus;
+    // Sends `size` bytes of the content; once the request has begun, `upset` is done.
+    const auto put = [&](std::size_t size, const std::function<void()>& upset) {
         testsupport::writeFile(path, content.substr(0, size));
-        server.next(answer(ok("")));
-        EXPECT_EQ(putFile(server.name(), path, 1, &curl, 0), 0);
+        server.next([&](testsupport::Peer& peer) {
+            peer.readHead();
+            upset();
+            peer.readBody();
+            peer.send(ok(""));
+            surplus = peer.readSome(100);
+        });
+        return putFile(server.name(), path, 1, &curl, 0);
+    };
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, content.size()}) {
+        EXPECT_EQ(put(size, [] {}), 0);
         EXPECT_EQ(curl, 0);
         const Request request = server.lastRequest();
         EXPECT_EQ(request.header("Content-Length"), std::to_string(size));
         EXPECT_TRUE(request.isComplete && request.body == content.substr(0, size)) << size;
     }
-    // The file is cut while the target reads it.
-    server.next([&](testsupport::Peer& peer) {
-        peer.readHead();
-        std::filesystem::resize_file(path, 1 << 20);
-        peer.readBody();
-        peer.send(ok(""));
-    });
-    (void)putFile(server.name(), path, 1, &curl, 0);
+    (void)put(content.size(), [&] { std::filesystem::resize_file(path, 1 << 20); });
     EXPECT_EQ(curl, 42) << "aborted by the read side";
     EXPECT_FALSE(server.lastRequest().isComplete);
-    // It grows.
-    testsupport::writeFile(path, content.substr(0, 100));
-    std::string surplus;
-    server.next([&](testsupport::Peer& peer) {
-        peer.readHead();
-        testsupport::writeFile(path, content);
-        peer.readBody();
-        peer.send(ok(""));
-        surplus = peer.readSome(100);
-    });
-    EXPECT_EQ(putFile(server.name(), path, 1, &curl, 0), 0);
+    EXPECT_EQ(put(100, [&] { testsupport::writeFile(path, content); }), 0) << "it grows";
     EXPECT_EQ(curl, 0);
     EXPECT_EQ(server.lastRequest().body, content.substr(0, 100));
     EXPECT_EQ(surplus, "") << "nothing behind the announced size";

@@ -35,41 +35,27 @@ TEST(SocketOptions, FollowTheFileAndOutliveTheirKeys) {
     const FileDescriptor fresh(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int systemInterval = optionOf(fresh.get(), IPPROTO_TCP, TCP_KEEPINTVL);
     int curl = 0;
-    const auto isInstalled = [&] {
+    const auto expect = [&](const char* what, const std::string& keys, bool installed,
+                            const std::vector<int>& options) {
+        SCOPED_TRACE(what);
+        root.masterIni("[Replication]\n" + keys);
+        readSocketOptions(g_master_ini);
         root.clearLog();
         EXPECT_EQ(endBackup(server.name(), "u", "m", &curl), 0);
-        return root.logged("Starting sockopt_callback");
+        EXPECT_EQ(root.logged("Starting sockopt_callback"), installed);
+        EXPECT_EQ(optionsOfNewSocket(), options);
     };
-    const struct {
-        const char* what;
-        const char* keys;
-        bool installed;
-        std::vector<int> options;
-    } cases[] = {
-        {"defaults", "", true, {1, 600, 6, 300, 0, 0}},
-        {"all set", "SOCKET_TIMEOUT=9\nTCP_KEEPIDLE=77\nTCP_KEEPCNT=3\nTCP_KEEPINTVL=5\n", true, {1, 77, 3, 5, 9, 9}},
-        {"keys that went", "", true, {1, 77, 3, 5, 9, 9}},
-        {"a zero leaves the system's value",
-         "TCP_KEEPINTVL=0\nSOCKET_TIMEOUT=-1\n",
-         true,
-         {1, 77, 3, systemInterval, 0, 0}},
-        {"no keepalive: the TCP keys aren't read",
-         "SOCKET_KEEPALIVE=no\nTCP_KEEPIDLE=5\nSOCKET_TIMEOUT=2\n",
-         true,
-         {0, 77, 3, systemInterval, 2, 2}},
-        {"nothing wanted", "SOCKET_KEEPALIVE=no\nSOCKET_TIMEOUT=0\n", false, {0, 77, 3, systemInterval, 0, 0}},
-        {"back again",
-         "SOCKET_KEEPALIVE=yes\nTCP_KEEPIDLE=600\nTCP_KEEPCNT=6\nTCP_KEEPINTVL=300\n",
-         true,
-         {1, 600, 6, 300, 0, 0}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        root.masterIni(std::string("[Replication]\n") + c.keys);
-        readSocketOptions(g_master_ini);
-        EXPECT_EQ(isInstalled(), c.installed);
-        EXPECT_EQ(optionsOfNewSocket(), c.options);
-    }
+    const std::vector<int> allSet = {1, 77, 3, 5, 9, 9};
+    expect("defaults", "", true, {1, 600, 6, 300, 0, 0});
+    expect("all set", "SOCKET_TIMEOUT=9\nTCP_KEEPIDLE=77\nTCP_KEEPCNT=3\nTCP_KEEPINTVL=5\n", true, allSet);
+    expect("keys that went", "", true, allSet);
+    expect("a zero leaves the system's", "TCP_KEEPINTVL=0\nSOCKET_TIMEOUT=-1\n", true,
+           {1, 77, 3, systemInterval, 0, 0});
+    expect("no keepalive: the TCP keys aren't read", "SOCKET_KEEPALIVE=no\nTCP_KEEPIDLE=5\nSOCKET_TIMEOUT=2\n", true,
+           {0, 77, 3, systemInterval, 2, 2});
+    expect("nothing wanted", "SOCKET_KEEPALIVE=no\nSOCKET_TIMEOUT=0\n", false, {0, 77, 3, systemInterval, 0, 0});
+    expect("back again", "SOCKET_KEEPALIVE=yes\nTCP_KEEPIDLE=600\nTCP_KEEPCNT=6\nTCP_KEEPINTVL=300\n", true,
+           {1, 600, 6, 300, 0, 0});
     EXPECT_TRUE(root.logged("TCP_KEEPIDLE getsockopt val 600"));
 }
 
