@@ -190,28 +190,24 @@ TEST_F(HashedContents, ThePlaceIsSeenUnderTheLock) {
         "CREATE FUNCTION dq.gate() RETURNS boolean LANGUAGE sql VOLATILE AS 'SELECT pg_advisory_xact_lock_shared(7); "
         "SELECT true'; ALTER TABLE dq.backups_hash_values RENAME TO away; "
         "CREATE VIEW dq.backups_hash_values AS SELECT * FROM dq.away WHERE dq.gate()");
-    // Does something while a reader stands before the rows.
-    const auto whileLooking = [&](const auto& act) {
+    for (const bool isKeptOpen : {false, true}) {
         catalogue.sql("SELECT pg_advisory_lock(7)");
         auto reading = std::async(std::launch::async, [&] { return read(300000); });
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (catalogue.value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0" &&
                std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
-        act();
+        // The reader stands before the rows.
+        EXPECT_EQ(canLock(1), !isKeptOpen) << "a file that was kept open is locked before the look";
+        if (!isKeptOpen) {
+            writeFile(fileOf(1), std::string(50, 'y') + data);
+            catalogue.sql("UPDATE dq.away SET file_offset = 50");
+        }
         catalogue.sql("SELECT pg_advisory_unlock(7)");
-        return reading.get();
-    };
-    EXPECT_EQ(whileLooking([&] {
-                  EXPECT_TRUE(canLock(1)) << "not opened yet";
-                  writeFile(fileOf(1), std::string(50, 'y') + data);
-                  catalogue.sql("UPDATE dq.away SET file_offset = 50");
-              }),
-              "ok 300000");
-    EXPECT_EQ(whileLooking([&] { EXPECT_FALSE(canLock(1)) << "kept open, so locked before the look"; }), "ok 300000");
-    catalogue.sql(
-        "DROP VIEW dq.backups_hash_values; DROP FUNCTION dq.gate(); ALTER TABLE dq.away RENAME TO "
-        "backups_hash_values");
+        EXPECT_EQ(reading.get(), "ok 300000");
+    }
+    catalogue.sql("DROP VIEW dq.backups_hash_values; ALTER TABLE dq.away RENAME TO backups_hash_values");
+    catalogue.sql("DROP FUNCTION dq.gate()");
 }
 
 TEST_F(HashedContents, ASignalEndsTheSearchWhateverItsWay) {
@@ -257,53 +253,50 @@ TEST_F(HashedContents, ABlockThatTheStoreCannotGiveIsReadFromABackup) {
     EXPECT_EQ(read(300000, 0, 1), "0");
 }
 
-// Announced blocks are read without a statement a block, under one lock that lasts until they are withdrawn.
+// Announced blocks are read without a statement a block, under one lock that lasts until they are withdrawn; those that
+// lie elsewhere are read as ever.
 TEST_F(HashedContents, AnnouncedBlocksAreLookedUpTogether) {
     addBackup(1, 5000);
-    const std::string other(1000, 'o');
-    const std::uint64_t otherID = addHash(other);
-    addMapping(1, otherID, 100);
-    writeFile(fileOf(1), std::string(100, 'x') + other + std::string(3900, 'x') + data);
+    addBackup(2, 7000);
+    const auto canReadAll = [&](std::initializer_list<hashValue> blocks) {
+        std::vector<std::byte> buffer(1000);
+        for (hashValue block : blocks)
+            if (readHashedContents(&handle, &block, buffer, 0) != 1000)
+                return false;
+        return read(300000, 0, 1) == "ok 300000";
+    };
+    const std::string near(1000, 'o');
+    const std::string far(1000, 'f');
+    const std::uint64_t ids[] = {addHash(near), addHash(far)};
+    addMapping(1, ids[0], 100);
+    addMapping(2, ids[1], 100);
+    catalogue.sql("DELETE FROM dq.backups_hash_values WHERE backup_no = 2 AND hash_id = " + std::to_string(hashID));
+    writeFile(fileOf(1), std::string(100, 'x') + near + std::string(3900, 'x') + data);
+    writeFile(fileOf(2), std::string(100, 'x') + far);
     hashValue first = record();
-    hashValue second = listed(other, otherID);
-    const std::vector<hashValue*> records{&second, &first};
-    ASSERT_EQ(announceHashedContents(&handle, records), 0);
+    hashValue second = listed(near, ids[0]);
+    hashValue third = listed(far, ids[1]);
+    hashValue gone = listed("gone", 4711);
+    const std::vector<hashValue*> announced{&first, &second, &gone, &third};
+    ASSERT_EQ(announceHashedContents(&handle, announced), 0);
     EXPECT_FALSE(canLock(1));
     catalogue.sql("ALTER TABLE dq.backups_hash_values RENAME TO away");
-    std::vector<std::byte> buffer(other.size());
-    EXPECT_EQ(readHashedContents(&handle, &second, buffer, 0), 1000);
-    EXPECT_EQ(std::memcmp(buffer.data(), other.data(), other.size()), 0);
-    EXPECT_EQ(read(300000, 0, 1), "ok 300000");
+    EXPECT_TRUE(canReadAll({second}));
+    EXPECT_FALSE(canReadAll({third})) << "the table is asked";
     withdrawHashedContents(&handle);
     EXPECT_TRUE(canLock(1));
-    EXPECT_EQ(read(300000), "-1") << "now the table is asked";
-    EXPECT_EQ(announceHashedContents(&handle, records), -1);
+    EXPECT_FALSE(canReadAll({second})) << "now the table is asked";
+    EXPECT_EQ(announceHashedContents(&handle, announced), -1);
     catalogue.sql("ALTER TABLE dq.away RENAME TO backups_hash_values");
-    EXPECT_EQ(read(300000), "ok 300000") << "as if nothing had been announced";
-}
-
-TEST_F(HashedContents, AnnouncedBlocksThatLieElsewhereAreReadAsEver) {
-    addBackup(1, 5000);
-    const std::string other(1000, 'o');
-    const std::uint64_t otherID = addHash(other);
-    catalogue.sql("INSERT INTO dq.backups (backup_no, properties) VALUES (2, 1536)");
-    writeFile(fileOf(2), other);
-    addMapping(2, otherID, 0);
-    hashValue first = record();
-    hashValue second = listed(other, otherID);
-    hashValue gone = listed("gone", 4711);
-    const std::vector<hashValue*> records{&first, &gone, &second};
-    ASSERT_EQ(announceHashedContents(&handle, records), 0);
-    std::vector<std::byte> buffer(300000);
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(read(300000, 0, 1), "ok 300000");
-        EXPECT_EQ(readHashedContents(&handle, &second, buffer, 0), 1000);
-        EXPECT_EQ(std::memcmp(buffer.data(), other.data(), other.size()), 0);
-        EXPECT_LE(readHashedContents(&handle, &gone, buffer, 0), 0);
-    }
-    ASSERT_EQ(announceHashedContents(&handle, records), 0) << "with a file that was replaced meanwhile";
+    EXPECT_TRUE(canReadAll({second, third})) << "as if nothing had been announced";
+    ASSERT_EQ(announceHashedContents(&handle, announced), 0);
+    EXPECT_TRUE(canReadAll({second, third, second, third})) << "with another file in between";
+    std::vector<std::byte> buffer(1000);
+    EXPECT_LE(readHashedContents(&handle, &gone, buffer, 0), 0);
+    ASSERT_EQ(announceHashedContents(&handle, announced), 0);
     fs::remove(fileOf(2));
-    EXPECT_EQ(read(300000, 0, 1), "ok 300000");
+    EXPECT_TRUE(canReadAll({second})) << "with a file that has gone meanwhile";
+    EXPECT_EQ(announceHashedContents(nullptr, {}), -1);
 }
 
 }  // namespace
