@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "archive/archiverw.h"
-#include "support/compressed.h"
 #include "crypto/libCryptoDaemon_internal.h"
+#include "support/compressed.h"
 #include "support/key_service.h"
 
 namespace testsupport {

@@ -1,19 +1,12 @@
 #include "bandwidth/blockOut.h"
 
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <barrier>
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,9 @@
 #include "base/run_command.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <csignal>
-#include <sstream>
-
 #include "base/file_descriptor.h"
 #include "base/signals.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,17 +1,10 @@
 #include "block/hash_lock.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <future>
-#include <thread>
-
 #include "base/paths.h"
 #include "block/byte_lock.h"
 #include "block/signal_catch.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

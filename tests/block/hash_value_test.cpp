@@ -1,9 +1,8 @@
 #include "block/hash_value.h"
 
-#include <gtest/gtest.h>
-
 #include "support/block_record.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

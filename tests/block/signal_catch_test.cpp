@@ -1,13 +1,7 @@
 #include "block/signal_catch.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
-
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,9 @@
 #include "config/directories.h"
 
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <functional>
-
 #include "base/paths.h"
 #include "log/logger.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 
@@ -20,18 +13,11 @@ using testsupport::writeFile;
 class Directories : public testing::Test {
 protected:
     // The start changes the directory, the environment and the locale of its process, so it gets one of its own.
-    // True if the body ended and no expectation in it failed.
     static bool inOwnProcess(const std::function<void()>& body) {
-        (void)fflush(nullptr);  // else the child would print it again
-        const pid_t pid = fork();
-        if (pid == 0) {
+        return testsupport::inOwnProcess([&body] {
             unsetenv("DQDIR");
             body();
-            (void)fflush(nullptr);
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        return pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
+        });
     }
     std::string install() const { return root / "usr/dq"; }
 

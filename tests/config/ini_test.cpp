@@ -1,16 +1,8 @@
 #include "config/ini.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-
 #include "base/file_descriptor.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,23 +1,11 @@
 #include "config/program_log.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/time.h>
-
-#include <cerrno>
-#include <csignal>
-#include <fstream>
-#include <map>
-#include <set>
-#include <sstream>
-#include <thread>
-#include <vector>
-
 #include "base/paths.h"
 #include "config/directories.h"
 #include "config/ini.h"
 #include "log/logger.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

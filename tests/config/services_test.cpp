@@ -1,20 +1,11 @@
 #include "config/services.h"
 
-#include <gtest/gtest.h>
-#include <sys/time.h>
-#include <unistd.h>
 #include <zlib.h>
-
-#include <cerrno>
-#include <csignal>
-#include <numeric>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/file_descriptor.h"
 #include "config/directories.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,34 +1,16 @@
 // The database helper against a real server: connections that die, are inherited or run out, transactions, parameters.
 #include "database/pghelper.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <functional>
-#include <thread>
-
 #include "database/pghelper_internal.h"
 #include "support/catalogue.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using testsupport::Catalogue;
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
+using testsupport::eventually;
 
 class PgHelper : public testing::Test {
 protected:

@@ -1,11 +1,7 @@
 #include "database/smartbuffer.h"
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
-
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

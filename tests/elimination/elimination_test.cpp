@@ -1,14 +1,10 @@
 #include "elimination/elimination.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-
 #include "config/settings.h"
 #include "support/catalogue.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,9 @@
 #include "hash/distinctTable.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
 #include <unordered_set>
 
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

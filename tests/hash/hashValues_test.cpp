@@ -1,11 +1,10 @@
 #include "hash/hashValues.h"
 
-#include <cstdlib>
-
 #include "hash/hash_list.h"
 #include "hash/hashed_contents.h"
 #include "hash/store_access.h"
 #include "hash_fixture.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,15 +1,12 @@
 // hash_fixture.h - the catalogue for the tests of the hash room.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "hash/hash_connection.h"
 #include "hash/hash_generation.h"
 #include "support/block_record.h"
 #include "support/catalogue.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -1,16 +1,9 @@
 #include "hash/hash_list.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <thread>
-
 #include "block/signal_catch.h"
 #include "hash_fixture.h"
 #include "log/logger.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,20 +1,10 @@
 #include "hash/hashed_contents.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <future>
-#include <random>
-#include <thread>
-
 #include "base/file_descriptor.h"
 #include "block/signal_catch.h"
 #include "hash_fixture.h"
 #include "log/logger.h"
+#include "support/test.h"
 
 namespace {
 

@@ -2,14 +2,10 @@
 
 #include "hash/store_access.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-
-#include <filesystem>
-
 #include "base/file_descriptor.h"
 #include "hash/hashed_contents.h"
 #include "support/hashed_backup.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,10 @@
 // What holds for both send phases.
 
-#include <atomic>
-#include <cstdlib>
 #include <new>
 
 #include "config/settings.h"
 #include "send_fixture.h"
+#include "support/test.h"
 
 namespace {
 std::atomic<std::size_t> g_failingSize = 0;  // an allocation of so many bytes fails

@@ -1,18 +1,10 @@
 // fake_target.h - a target that keeps blocks in memory and can be told to fail.
 #pragma once
 
-#include <cstring>
-#include <deque>
-#include <functional>
-#include <map>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
-
 #include "rest/blocks.h"
 #include "support/hashed_backup.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace testsupport {
 

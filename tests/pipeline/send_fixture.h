@@ -1,13 +1,10 @@
 // send_fixture.h - a backup of hashed blocks, a target in memory, and a send phase between them.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "fake_target.h"
 #include "pipeline/send_phase.h"
 #include "support/hashed_backup.h"
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -2,15 +2,12 @@
 
 #include <sys/shm.h>
 
-#include <chrono>
-#include <future>
-#include <thread>
-
 #include "bandwidth/blockOut.h"
 #include "pipeline/checkpoint.h"
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/threadBuffer.h"
 #include "send_fixture.h"
+#include "support/test.h"
 
 namespace {
 

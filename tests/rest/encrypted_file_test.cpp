@@ -1,13 +1,11 @@
 // Encrypted files on their way to a target, with the real key service.
-#include <gtest/gtest.h>
-
-#include <csignal>
 
 #include "rest/files.h"
 #include "support/hashed_backup.h"
 #include "support/key_service.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,17 +1,13 @@
 // What becomes of every kind of reply, honest or not.
-#include <gtest/gtest.h>
 
-#include <array>
 #include <bit>
-#include <future>
-#include <optional>
-#include <thread>
 
 #include "config/services.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,4 @@
 // What each request puts on the wire, to the byte.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <functional>
-#include <future>
-#include <optional>
 
 #include "bandwidth/blockOut.h"
 #include "rest/blocks.h"
@@ -13,6 +7,7 @@
 #include "support/hashed_backup.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace {
 

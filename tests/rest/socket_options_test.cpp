@@ -1,7 +1,5 @@
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include "base/file_descriptor.h"
 #include "config/directories.h"
@@ -9,6 +7,7 @@
 #include "rest/session_internal.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace {
 
