@@ -1,6 +1,7 @@
 #include "base/run_command.h"
 
 #include "base/file_descriptor.h"
+#include "base/job_gate.h"
 #include "base/signals.h"
 #include "support/root.h"
 #include "support/test.h"
@@ -66,6 +67,53 @@ TEST(RunCommand, ChildHasDefaultDispositionsAndAnEmptyMask) {
     ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &present), 0);
     EXPECT_EQ(sigismember(&present, SIGUSR2), 1);
     EXPECT_EQ(sigismember(&present, SIGINT), 0);
+}
+
+TEST(RunCommand, ChildLeadsAGroupAndInheritsOnlyTheDescriptorThatItIsGiven) {
+    EXPECT_EQ(runCommand("[ $(cut -d' ' -f5 /proc/$$/stat) = $$ ]"), 0);
+    const FileDescriptor file(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const std::string isOpen = "[ -e /proc/$$/fd/" + std::to_string(file.get()) + " ]";
+    EXPECT_NE(runCommand(isOpen), 0);
+    EXPECT_EQ(runCommand(isOpen, file.get()), 0);
+    EXPECT_NE(fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0) << "the next command must not inherit it";
+}
+
+bool comesTrue(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return condition();
+}
+
+TEST(RunCommand, AllThatItStartedEndsWithItsJobAndNothingNewBegins) {
+    for (const char* const trap : {"", "trap '' TERM;"}) {
+        SCOPED_TRACE(trap);
+        const testsupport::TestRoot root;
+        const std::string pidFile = root / "tmp/pid";
+        const std::string later = root / "tmp/later";
+        // The shell itself ends at once; what it started may not be forgotten for that.
+        std::atomic<int> status = -1;
+        std::thread runner([&] {
+            status = runCommand(std::string("sh -c \"") + trap + " echo \\$\\$ >" + pidFile +
+                                "; while :; do sleep 0.01; done\" & wait");
+        });
+        ASSERT_TRUE(comesTrue([&] { return testsupport::readFile(pidFile).ends_with("\n"); }));
+        const std::string stat = "/proc/" + std::to_string(std::stoi(testsupport::readFile(pidFile))) + "/stat";
+        closeJobGate();
+        std::thread second([&] { EXPECT_EQ(runCommand("touch " + later), 0); });
+        endCommands(std::chrono::milliseconds(100));
+        EXPECT_TRUE(comesTrue([&] {
+            const std::string text = testsupport::readFile(stat);
+            return text.empty() || text.find(") Z ") != std::string::npos;
+        }));
+        EXPECT_EQ(status, -1) << "its end is not told to a job that is over";
+        EXPECT_EQ(access(later.c_str(), F_OK), -1);
+        openJobGate();
+        runner.join();
+        second.join();
+        EXPECT_EQ(WTERMSIG(status), SIGTERM);
+        EXPECT_EQ(access(later.c_str(), F_OK), 0);
+    }
 }
 
 TEST(RunCommand, QuotedTextIsOneWord) {
