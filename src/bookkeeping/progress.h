@@ -1,14 +1,17 @@
 // progress.h - how far a replication is, for the appliance's user interface: rows of operation_progress.
 //
 // Progress is a courtesy: each failure is logged and the replication goes on. The rows go over a database connection of
-// their own, made by the first update and kept, which speaks LATIN1: bytes of names pass unchanged.
-// Threads: each call locks the connection; the records belong to their caller.
+// their own, made by the first update, kept, and made anew when it was lost, which speaks LATIN1: bytes of names pass
+// unchanged.
+// Threads: each call locks the connection, and waits while the job gate is closed (closeProgressAtExit doesn't); the
+//          records belong to their caller.
 // Units:   sizes are bytes here and megabytes in the table; times are seconds.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <span>
 #include <string>
 
 // One phase of a replication. A slot counts as open when it has an operation; closing doesn't clear it, so that a
@@ -31,6 +34,10 @@ struct OperationProgress {
     [[nodiscard]] bool isOpen() const { return !operation.empty(); }
 };
 
+// Fills a record; nothing is written yet. 0, or -1 with the record untouched if the client can't be found.
+[[nodiscard]] int fillProgress(const std::string& target, const std::string& hostName, const std::string& operation,
+                               const std::string& typeText, std::uint64_t backupNo, OperationProgress* record);
+
 // Fills the record and writes its row. -1 with the record untouched if the client can't be found; -1 with the record
 // open if only the row could not be written.
 [[nodiscard]] int openProgress(const std::string& target, const std::string& hostName, const std::string& operation,
@@ -42,7 +49,6 @@ struct OperationProgress {
 // Deletes the record's row, and any that nobody has touched for an hour.
 [[nodiscard]] int closeProgress(const OperationProgress& record);
 
-// closeProgress for a thread that ends the process while another may hold the connection: waits that long for it, then
-// deletes over a fresh one.
-[[nodiscard]] int closeProgressWithin(const OperationProgress& record,
-                                      std::chrono::milliseconds patience = std::chrono::seconds(2));
+// closeProgress of all that are open, for a thread that ends the process while another may hold the connection: waits
+// up to two seconds for it, else deletes over a fresh one. Gives up on rows that can't be deleted within `limit`.
+[[nodiscard]] int closeProgressAtExit(std::span<const OperationProgress> records, std::chrono::milliseconds limit);

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include "base/releaser.h"
 #include "lab/cluster.h"
@@ -98,6 +100,16 @@ std::string Catalogue::rows(std::string_view query) {
         }
     }
     return text;
+}
+
+bool Catalogue::somebodyWaits() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0") {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 void Catalogue::restart() {

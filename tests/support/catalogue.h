@@ -23,6 +23,9 @@ public:
     // All rows, fields joined by '|', rows by '\n', in the order of the query.
     [[nodiscard]] std::string rows(std::string_view query);
 
+    // Waits until a session waits for a lock; false at a deadline.
+    [[nodiscard]] bool somebodyWaits();
+
     // Stops and starts the server, as an administrator would.
     void restart();
 
