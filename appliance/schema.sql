@@ -61,6 +61,11 @@ CREATE TABLE dq.replication_queue (
 ALTER TABLE dq.replication_queue ADD COLUMN rep_start bigint;
 CREATE INDEX replication_queue_backup ON dq.replication_queue (backup_no);
 CREATE INDEX replication_queue_status ON dq.replication_queue (status, position);
+-- The pick looks for the rows that block their instance (active, need assist, out of order) each time, and passes over
+-- every row that waits behind them. The index finds them; the statistics tell the planner that they are few. With only
+-- one of the two it walks all backups for each waiting row.
+CREATE INDEX replication_queue_blocking ON dq.replication_queue (backup_no) WHERE (status & 208) <> 0;
+CREATE STATISTICS dq.replication_queue_blocking_share ON (status & 208) FROM dq.replication_queue;
 
 CREATE TABLE dq.nodes (
     node_no                      bigserial PRIMARY KEY,
@@ -184,26 +189,34 @@ CREATE TABLE dq.sql_backups (
     file_order_no        bigint  NOT NULL DEFAULT 0
 );
 
+CREATE INDEX sql_backups_ref ON dq.sql_backups (sql_ref);
+CREATE INDEX sql_backups_chain ON dq.sql_backups
+    (node_no, lower(database_name), lower(server_instance_name), group_file_order, file_order_no);
+
 CREATE TABLE dq.backup_msg (
     backup_no bigint NOT NULL DEFAULT 0,
     messages  text   NOT NULL DEFAULT '',
     comment   text   NOT NULL DEFAULT ''
 );
+CREATE INDEX backup_msg_backup ON dq.backup_msg (backup_no);
 
 CREATE TABLE dq.backup_snapshots (
     backup_no     bigint NOT NULL DEFAULT 0,
     snapshot_time bigint NOT NULL DEFAULT 0
 );
+CREATE INDEX backup_snapshots_backup ON dq.backup_snapshots (backup_no);
 
 CREATE TABLE dq.vmware_snapshots (
     backup_no bigint NOT NULL DEFAULT 0,
     change_id text   NOT NULL DEFAULT ''
 );
+CREATE INDEX vmware_snapshots_backup ON dq.vmware_snapshots (backup_no);
 
 CREATE TABLE dq.vmware_hardware_hashes (
     backup_no     bigint NOT NULL DEFAULT 0,
     hardware_hash text   NOT NULL DEFAULT ''
 );
+CREATE INDEX vmware_hardware_hashes_backup ON dq.vmware_hardware_hashes (backup_no);
 
 CREATE TABLE dq.ndmp_nas (
     node_no bigint NOT NULL DEFAULT 0,
@@ -212,6 +225,7 @@ CREATE TABLE dq.ndmp_nas (
     vendor  text   NOT NULL DEFAULT '',
     version text   NOT NULL DEFAULT ''
 );
+CREATE INDEX ndmp_nas_node ON dq.ndmp_nas (node_no);
 
 CREATE TABLE dq.dirs (
     dir_no bigserial PRIMARY KEY,
@@ -288,9 +302,9 @@ CREATE TABLE dq.summary_charts (
 
 CREATE TABLE dq.hash_values (
     hash_id           bigserial PRIMARY KEY,
-    hash_type         text   NOT NULL,
-    hashed_length     bigint NOT NULL,
-    hash_value        bytea  NOT NULL,
+    hash_type         text   NOT NULL DEFAULT '',
+    hashed_length     bigint NOT NULL DEFAULT 0,
+    hash_value        bytea  NOT NULL DEFAULT '',
     sis_offset        bigint,
     compressed_length bigint,
     UNIQUE (hash_type, hashed_length, hash_value)
@@ -299,7 +313,7 @@ CREATE INDEX hash_values_sis_offset ON dq.hash_values (sis_offset);
 
 CREATE TABLE dq.backups_hash_values (
     backup_no       bigint NOT NULL DEFAULT 0,
-    hash_id         bigint NOT NULL,
+    hash_id         bigint NOT NULL DEFAULT 0,
     file_offset     bigint NOT NULL DEFAULT 0,
     deduplicated    bigint DEFAULT NULL,
     hash_incomplete boolean NOT NULL DEFAULT true,

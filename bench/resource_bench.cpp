@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "bench_lab.h"
 #include "bookkeeping/replicationQueue.h"
@@ -22,6 +23,9 @@ namespace fs = std::filesystem;
 constexpr unsigned SMALL_BLOCK = 512;
 constexpr double DIFFERENCE_LIMIT = 16;  // MiB
 constexpr long PASSES = 20;
+constexpr long PAUSED = 4;         // instances
+constexpr long WAITING = 1600;     // rows behind them
+constexpr double PICK_LIMIT = 10;  // milliseconds
 
 double highWater(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -96,6 +100,37 @@ bool measurePass(int scheme) {
     return scheme != QUEUE_SCHEME_RETENTION || client + server < 50;
 }
 
+// The pick of a daemon whose oldest work all waits behind paused instances: each of these rows is looked at and passed
+// over before the one that is free is found.
+bool measurePick(lab::Lab* lab, long backups) {
+    const std::string newest = std::to_string(backups);
+    const std::string oldest = std::to_string(backups - WAITING);
+    const std::string paused = std::to_string(PAUSED);
+    // Instances of their own, above those of the finished backups.
+    lab->source().sql("UPDATE backups SET instance_id = 1000001 + backup_no % " + paused +
+                      ", sync_status = 1 WHERE backup_no >= " + oldest + " AND backup_no < " + newest +
+                      "; UPDATE replication_queue SET status = 1 WHERE backup_no >= " + oldest +
+                      "; UPDATE replication_queue SET status = 128 WHERE backup_no >= " + oldest + " AND backup_no < " +
+                      oldest + " + " + paused + "; ANALYZE");
+    const auto backend = static_cast<pid_t>(pgIVal(pgExec("SELECT pg_backend_pid() AS pid").get(), 0, "pid"));
+    const double cpuBefore = ownCpu() + treeCpu(backend);
+    std::vector<double> walls;
+    for (long i = 0; i < PASSES; ++i) {
+        std::string target;
+        const auto start = Clock::now();
+        const std::int64_t picked = next_rq(&target);
+        walls.push_back(secondsSince(start) * 1000);
+        if (picked != backups)
+            throw std::runtime_error("the pick gave " + std::to_string(picked));
+        lab->source().sql("UPDATE replication_queue SET status = 1 WHERE backup_no = " + newest);
+    }
+    const double cpu = (ownCpu() + treeCpu(backend) - cpuBefore) * 1000 / PASSES;
+    std::sort(walls.begin(), walls.end());
+    printf("  pick behind %ld rows that wait in %ld paused instances: median %.1f ms; CPU %.1f ms (limit %.0f)\n",
+           WAITING, PAUSED, walls[walls.size() / 2], cpu, PICK_LIMIT);
+    return cpu < PICK_LIMIT;
+}
+
 }  // namespace
 
 int measureMemory(unsigned fewBlocks, unsigned manyBlocks) {
@@ -137,6 +172,7 @@ int measureQueue(long backups) {
         lab.lab().setReplication("QueueScheme", std::to_string(scheme));
         good = measurePass(scheme) && good;
     }
+    good = measurePick(&lab.lab(), backups) && good;
     return good ? 0 : 1;
 }
 

@@ -9,6 +9,7 @@
 
 #include "base/text.h"
 #include "bookkeeping/common.h"
+#include "bookkeeping/common_internal.h"
 #include "config/directories.h"
 #include "config/ini.h"
 #include "config/services.h"
@@ -95,6 +96,27 @@ bool platformReplicates() {
 }
 
 }  // namespace
+
+const BackupFamily* familyOf(int type) {
+    static constexpr BackupFamily FAMILIES[] = {
+        {{TYPE_MASTER, TYPE_DIFFERENTIAL, TYPE_INCREMENTAL}, ChainForm::one, true, "Master"},
+        {{TYPE_SELECTIVE, 0, 0}, ChainForm::one, false, "Selective"},
+        {{TYPE_BARE_METAL, 0, 0}, ChainForm::one, false, "Bare Metal"},
+        {{TYPE_SYSTEM_METADATA, 0, 0}, ChainForm::one, false, "System Metadata"},
+        {{TYPE_EXCHANGE_FULL, TYPE_EXCHANGE_DIFF, TYPE_EXCHANGE_INCR}, ChainForm::three, false},
+        {{TYPE_SQL_FULL, TYPE_SQL_DIFF, TYPE_SQL_TRANS}, ChainForm::three, false},
+        {{TYPE_ESX_FULL, TYPE_ESX_DIFF, TYPE_ESX_INCR}, ChainForm::three, true},
+        {{TYPE_HYPERV_FULL, TYPE_HYPERV_DIFF, TYPE_HYPERV_INCR}, ChainForm::three, true},
+        {{TYPE_ORACLE_FULL, TYPE_ORACLE_INCR, 0}, ChainForm::two, false},
+        {{TYPE_SHAREPOINT_FULL, TYPE_SHAREPOINT_DIFF, 0}, ChainForm::two, false},
+        {{TYPE_EXTENSION_FULL, TYPE_EXTENSION_DIFF, TYPE_EXTENSION_INCR}, ChainForm::three, false},
+        {{TYPE_NDMP_FULL, TYPE_NDMP_DIFF, TYPE_NDMP_INCR}, ChainForm::three, true},
+    };
+    for (const BackupFamily& family : FAMILIES)
+        if (type != 0 && std::find(family.types.begin(), family.types.end(), type) != family.types.end())
+            return &family;
+    return nullptr;
+}
 
 bool isSelfContainedType(int type) {
     const TypeRow* row = findType(type);

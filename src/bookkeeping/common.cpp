@@ -16,6 +16,15 @@ namespace {
 thread_local std::string lastError;
 thread_local bool lastErrorLost = false;
 
+void dqKeepError(const std::string& text) {
+    try {
+        lastError = text;
+        lastErrorLost = false;
+    } catch (const std::bad_alloc&) {
+        lastErrorLost = true;
+    }
+}
+
 constexpr const char* UCS_APPLICATION = "UCS Service Profile";
 constexpr int PUBLIC_TYPE_EXTENSION_FULL = 25;  // as user interfaces number it
 
@@ -84,12 +93,7 @@ std::uint64_t estimateFileHactar(std::uint64_t backupNo, std::uint64_t maxSubfil
 }  // namespace
 
 void dqStoreError(const char* file, int line, const char* function, const std::string& text) {
-    try {
-        lastError = text;
-        lastErrorLost = false;
-    } catch (const std::bad_alloc&) {
-        lastErrorLost = true;
-    }
+    dqKeepError(text);
     log_message(0, "%s:%d: %s: Error: %s", file, line, function, text.c_str());
 }
 
@@ -168,6 +172,7 @@ std::optional<std::string> dqGetInstanceName(std::uint64_t instanceId) {
         "instance_id = %lu",
         instanceId);
     if (!result || pgTuples(result.get()) != 1) {
+        dqKeepError(formatString("Could not retrieve name of instance_id %lu", instanceId));
         LOG_HERE(0, "%s: Could not retrieve name of instance_id %lu\n", __func__, instanceId);
         return std::nullopt;
     }

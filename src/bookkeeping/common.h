@@ -4,8 +4,7 @@
 // Threads: everything that runs a statement goes through pghelper, so one thread at a time. backupTypeText,
 //          applicationName, isFileLevelType, jobTypeCode and getMaxSubfileBytes run in any thread.
 // Errors:  -1, or the neutral value named at the function; all logged, none fatal. The dq... functions also leave a
-// text
-//          for dqLastError. Outputs are untouched on failure unless told.
+//          text for dqLastError. Outputs are untouched on failure unless told.
 // Units:   times are seconds since 1970, megabytes are 0x100000 bytes.
 #pragma once
 

@@ -1,4 +1,6 @@
 // queue_chains.cpp - queue operations that follow the chains between backups: enqueue, prune, resolve.
+#include <set>
+
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
 #include "database/pghelper.h"
@@ -124,11 +126,14 @@ int deleteNewerRows(std::uint64_t backupNo, unsigned long instance, unsigned lon
         return -1;
     }
     LOG_HERE(3, "Delete %d backups from the replication_queue that are out of order with %lu.\n", count, backupNo);
+    std::set<unsigned long> deleted;  // a backup with rows for several targets is listed with each of them
     for (int row = 0; row < count; ++row) {
         const unsigned long number = pgUVal(newer.get(), row, "backup_no");
+        if (!deleted.insert(number).second)
+            continue;
         LOG_HERE(3, "Delete backup %lu from the replication_queue.\n", number);
-        const PgResultPtr deleted = pgQuery("DELETE FROM replication_queue WHERE backup_no=%lu", number);
-        if (!deleted || pgAffected(deleted.get()) == 0) {
+        const PgResultPtr result = pgQuery("DELETE FROM replication_queue WHERE backup_no=%lu", number);
+        if (!result || pgAffected(result.get()) == 0) {
             LOG_HERE(0, "Query to delete backup %lu failed.\n", number);
             return -1;
         }

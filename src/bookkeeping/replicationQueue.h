@@ -1,12 +1,16 @@
 // replicationQueue.h - the work list of replication, a table of the catalogue.
 //
 // A row says that a backup goes to a target; the pair names the row. Its status is the only message between the
-// parties: operators and other programs write it by plain SQL too. Rows are served by ascending position. Threads: as
-// pghelper, one at a time. Only the daemon's main thread picks (next_rq): pick and mark are two statements. Errors:  0,
-// or -1 logged. No transaction surrounds an operation; a failure between two statements leaves rows that the
+// parties: operators and other programs write it by plain SQL too. Rows are served by ascending position.
+//
+// Threads: as pghelper, one at a time. Only the daemon's main thread picks (next_rq): pick and mark are two statements.
+// Errors:  0, or -1 logged. No transaction surrounds an operation; a failure between two statements leaves rows that
+// the
 //          next pass finds again. A change that matches no row is no failure.
-// Target names enter the statements unescaped, and statements have buffers of fixed size: names of up to 38 characters
-// fit everywhere, a longer one fails first in set_status_rq.
+//
+// Target names enter the statements unescaped, and statements have buffers of fixed size. With backup numbers of 7
+// digits names of up to 42 characters fit in every status change, and two names of 27 in swap_rq; 38 and 22 with
+// numbers of 10 digits. A longer name is refused there.
 #pragma once
 
 #include <cstddef>

@@ -22,10 +22,13 @@ struct Subject {
     [[nodiscard]] bool isLegacySql() const { return type == TYPE_SELECTIVE && (properties & P_LEGACY_SQL) != 0; }
 };
 
+constexpr const char* FIELDS =
+    "b.backup_no as t_backup_no, b.status as t_status, b.exit_code as t_exit_code, b.type as t_type, b.start_time as "
+    "t_start_time";
+
 struct Filters {
     Statement<256> base;     // of the same origin, restorable, not deleted, ended
     Statement<256> success;  // and not failed
-    Statement<256> fields;
 
     int build(const Subject& subject);
 };
@@ -36,12 +39,6 @@ int Filters::build(const Subject& subject) {
                    static_cast<unsigned>(P_SDS), TAPE_NO_DELETED, static_cast<unsigned>(ST_COMPLETE)) == -1 ||
         success.build("%s AND (status & %u) = 0", base.text(), static_cast<unsigned>(JOB_FAILED)) == -1) {
         DQ_ERROR(FUNCTION, "Failed to build filter string");
-        return -1;
-    }
-    if (fields.build("%s",
-                     "b.backup_no as t_backup_no, b.status as t_status, b.exit_code as t_exit_code, b.type as "
-                     "t_type, b.start_time as t_start_time") == -1) {
-        DQ_ERROR(FUNCTION, "Failed to build field string");
         return -1;
     }
     return 0;
@@ -96,97 +93,47 @@ PgResultPtr queryLegacySql(const Subject& subject, const Filters& filters) {
         "group_file_order = orig.group_file_order AND file_order_no <= orig.file_order_no AND sql_type IN (%u, %u)    "
         "ORDER BY file_order_no DESC LIMIT 1   )  ) AND s.file_order_no <= orig.file_order_no AND %s ORDER BY "
         "backup_no",
-        filters.fields.text(), subject.backupNo, 1u, 1u, 2u, filters.success.text());
+        FIELDS, subject.backupNo, 1u, 1u, 2u, filters.success.text());
 }
 
-PgResultPtr queryThreeTypes(const Subject& subject, int full, int differential, int incremental,
-                            const Filters& filters) {
-    return pgVExec("SELECT * FROM dq.dqGetRestoreGroupOptimized(%lu, '{%d,%d,%d}','%s')", subject.backupNo, full,
-                   differential, incremental, filters.success.text());
-}
-
-PgResultPtr queryTwoTypes(const Subject& subject, int full, int following, const Filters& filters) {
-    return pgVExec("SELECT * FROM dq.dqGetRestoreGroupOptimized(%lu, '{%d,%d}','%s')", subject.backupNo, full,
-                   following, filters.success.text());
-}
-
-// For backups that are worth restoring even if they failed in part.
-PgResultPtr queryOneType(const Subject& subject, const char* name, const Filters& filters) {
-    if (name != nullptr)
-        LOG_HERE(4, "%s: Backup #%lu is a %s\n", FUNCTION, subject.backupNo, name);
+PgResultPtr queryFamily(const Subject& subject, const BackupFamily& family, const Filters& filters) {
+    const auto [full, second, third] = family.types;
+    switch (family.restore) {
+        case ChainForm::three:
+            return pgVExec("SELECT * FROM dq.dqGetRestoreGroupOptimized(%lu, '{%d,%d,%d}','%s')", subject.backupNo,
+                           full, second, third, filters.success.text());
+        case ChainForm::two:
+            return pgVExec("SELECT * FROM dq.dqGetRestoreGroupOptimized(%lu, '{%d,%d}','%s')", subject.backupNo, full,
+                           second, filters.success.text());
+        case ChainForm::one:
+            break;
+    }
+    // Such a backup is worth restoring even if it failed in part.
+    if (subject.type == full)
+        LOG_HERE(4, "%s: Backup #%lu is a %s\n", FUNCTION, subject.backupNo, family.name);
     return pgVExec("SELECT * FROM dq.dqGetRestoreGroupOptimized(%lu, '{%lu}','%s')", subject.backupNo,
                    static_cast<unsigned long>(subject.type), filters.base.text());
 }
 
 // Runs the query that fits the type. False (logged) for a type without one.
 bool queryChain(const Subject& subject, const Filters& filters, PgResultPtr* result) {
-    std::string text;
     if (subject.isLegacySql()) {
         *result = queryLegacySql(subject, filters);
         return true;
     }
-    switch (subject.type) {
-        case TYPE_EXCHANGE_FULL:
-        case TYPE_EXCHANGE_DIFF:
-        case TYPE_EXCHANGE_INCR:
-            *result = queryThreeTypes(subject, TYPE_EXCHANGE_FULL, TYPE_EXCHANGE_DIFF, TYPE_EXCHANGE_INCR, filters);
-            return true;
-        case TYPE_ORACLE_FULL:
-        case TYPE_ORACLE_INCR:
-            *result = queryTwoTypes(subject, TYPE_ORACLE_FULL, TYPE_ORACLE_INCR, filters);
-            return true;
-        case TYPE_SHAREPOINT_FULL:
-        case TYPE_SHAREPOINT_DIFF:
-            *result = queryTwoTypes(subject, TYPE_SHAREPOINT_FULL, TYPE_SHAREPOINT_DIFF, filters);
-            return true;
-        case TYPE_SQL_FULL:
-        case TYPE_SQL_DIFF:
-        case TYPE_SQL_TRANS:
-            *result = queryThreeTypes(subject, TYPE_SQL_FULL, TYPE_SQL_DIFF, TYPE_SQL_TRANS, filters);
-            return true;
-        case TYPE_ESX_FULL:
-        case TYPE_ESX_DIFF:
-        case TYPE_ESX_INCR:
-            *result = queryThreeTypes(subject, TYPE_ESX_FULL, TYPE_ESX_DIFF, TYPE_ESX_INCR, filters);
-            return true;
-        case TYPE_HYPERV_FULL:
-        case TYPE_HYPERV_DIFF:
-        case TYPE_HYPERV_INCR:
-            *result = queryThreeTypes(subject, TYPE_HYPERV_FULL, TYPE_HYPERV_DIFF, TYPE_HYPERV_INCR, filters);
-            return true;
-        case TYPE_NDMP_FULL:
-        case TYPE_NDMP_DIFF:
-        case TYPE_NDMP_INCR:
-            *result = queryThreeTypes(subject, TYPE_NDMP_FULL, TYPE_NDMP_DIFF, TYPE_NDMP_INCR, filters);
-            return true;
-        case TYPE_EXTENSION_FULL:
-        case TYPE_EXTENSION_DIFF:
-        case TYPE_EXTENSION_INCR:
-            if (GetZulBackupTypeStringBackupNo(static_cast<int>(subject.type), subject.backupNo, &text) == -1)
-                break;
-            *result = queryThreeTypes(subject, TYPE_EXTENSION_FULL, TYPE_EXTENSION_DIFF, TYPE_EXTENSION_INCR, filters);
-            return true;
-        case TYPE_MASTER:
-            *result = queryOneType(subject, "Master", filters);
-            return true;
-        case TYPE_SELECTIVE:
-            *result = queryOneType(subject, "Selective", filters);
-            return true;
-        case TYPE_BARE_METAL:
-            *result = queryOneType(subject, "Bare Metal", filters);
-            return true;
-        case TYPE_SYSTEM_METADATA:
-            *result = queryOneType(subject, "System Metadata", filters);
-            return true;
-        case TYPE_DIFFERENTIAL:
-            *result = queryOneType(subject, nullptr, filters);
-            return true;
-        default:
-            break;
+    const int type = static_cast<int>(subject.type);
+    const BackupFamily* family = familyOf(type);
+    std::string text;
+    // An incremental is put together by synthesis; of the extensions one application is known.
+    if (family == nullptr || type == TYPE_INCREMENTAL ||
+        (family->types[0] == TYPE_EXTENSION_FULL &&
+         GetZulBackupTypeStringBackupNo(type, subject.backupNo, &text) == -1)) {
+        DQ_ERROR(FUNCTION, "Backup %lu has an unknown or unsupported backup type (%lu).", subject.backupNo,
+                 static_cast<unsigned long>(subject.type));
+        return false;
     }
-    DQ_ERROR(FUNCTION, "Backup %lu has an unknown or unsupported backup type (%lu).", subject.backupNo,
-             static_cast<unsigned long>(subject.type));
-    return false;
+    *result = queryFamily(subject, *family, filters);
+    return true;
 }
 
 // The instance that all members of the chain belong to.

@@ -5,26 +5,6 @@
 
 namespace {
 
-struct Family {
-    int master;
-    int differential;
-    int incremental;
-};
-
-constexpr Family FAMILIES[] = {
-    {TYPE_MASTER, TYPE_DIFFERENTIAL, TYPE_INCREMENTAL},
-    {TYPE_ESX_FULL, TYPE_ESX_DIFF, TYPE_ESX_INCR},
-    {TYPE_HYPERV_FULL, TYPE_HYPERV_DIFF, TYPE_HYPERV_INCR},
-    {TYPE_NDMP_FULL, TYPE_NDMP_DIFF, TYPE_NDMP_INCR},
-};
-
-const Family* familyOf(long type) {
-    for (const Family& family : FAMILIES)
-        if (type == family.master || type == family.differential || type == family.incremental)
-            return &family;
-    return nullptr;
-}
-
 // Why the backup can't be the end of a synthesis, null if it can.
 const char* refusal(const pgResult* backup) {
     const long status = pgIVal(backup, 0, "status");
@@ -42,12 +22,13 @@ const char* refusal(const pgResult* backup) {
     return nullptr;
 }
 
-PgResultPtr queryGroup(std::uint64_t backupNo, const pgResult* backup, const Family& family, bool skipDiffs,
+PgResultPtr queryGroup(std::uint64_t backupNo, const pgResult* backup, const BackupFamily& family, bool skipDiffs,
                        bool skipMasters) {
     const unsigned long node = pgUVal(backup, 0, "node_no");
     const unsigned long instance = pgUVal(backup, 0, "instance_id");
     const unsigned long synthetic = P_SYNTHETIC;
-    const std::string types = formatString("%d,%d,%d", family.master, family.differential, family.incremental);
+    const auto [master, differential, incremental] = family.types;
+    const std::string types = formatString("%d,%d,%d", master, differential, incremental);
     return pgVExec(
         "SELECT backup_no FROM successful_backups WHERE type IN(%s) AND node_no=%lu AND instance_id=%lu AND backup_no "
         "<= %lu AND (CASE WHEN %d=1 THEN type != %d OR (properties & %lu) = 0 ELSE 1=1 END) AND (CASE WHEN %d=1 THEN "
@@ -57,9 +38,9 @@ PgResultPtr queryGroup(std::uint64_t backupNo, const pgResult* backup, const Fam
         "(properties & %lu) = 0 ELSE 1=1 END) ORDER BY backup_no DESC LIMIT 1), 0)) OR (backup_no = (SELECT backup_no "
         "FROM successful_backups WHERE type=%d AND node_no=%lu AND instance_id=%lu AND backup_no <= %lu ORDER BY "
         "backup_no DESC LIMIT 1))) ORDER BY backup_no",
-        types.c_str(), node, instance, backupNo, skipDiffs, family.differential, synthetic, skipMasters, family.master,
-        synthetic, family.master, family.differential, node, instance, backupNo, skipDiffs, family.differential,
-        synthetic, skipMasters, family.master, synthetic, family.master, node, instance, backupNo);
+        types.c_str(), node, instance, backupNo, skipDiffs, differential, synthetic, skipMasters, master, synthetic,
+        master, differential, node, instance, backupNo, skipDiffs, differential, synthetic, skipMasters, master,
+        synthetic, master, node, instance, backupNo);
 }
 
 }  // namespace
@@ -78,8 +59,8 @@ int dqGetSynthesisGroup(std::uint64_t backupNo, bool skipDiffs, bool skipMasters
         DQ_ERROR(__func__, "Invalid backup id: %lu.", backupNo);
         return -1;
     }
-    const Family* family = familyOf(pgIVal(backup.get(), 0, "type"));
-    if (family == nullptr) {
+    const BackupFamily* family = familyOf(static_cast<int>(pgIVal(backup.get(), 0, "type")));
+    if (family == nullptr || !family->synthesis) {
         DQ_ERROR(__func__, "Input backup must be a supported type.");
         return -1;
     }

@@ -1,10 +1,30 @@
 #include "bookkeeping/common.h"
 
-#include "catalogue_fixture.h"
+#include "support/catalogue_fixture.h"
 
 namespace {
 
-using Common = CatalogueTest;
+class Common : public CatalogueTest {
+protected:
+    // The groups that end with a backup, as numbers (those of a restore with their type code); empty on failure.
+    std::string restoreGroup(int number) {
+        std::vector<RestoreGroupRecord> list(3);
+        const int result = dqGetRestoreGroupOptimized(static_cast<std::uint64_t>(number), &list);
+        EXPECT_EQ(result == 0, !list.empty());
+        std::string text;
+        for (const auto& r : list)
+            text += formatString("%u:%d:%d ", r.backupNo, r.resultCode, r.jobTypeCode);
+        return text;
+    }
+    std::string synthesisGroup(int number, bool skipDiffs = false, bool skipMasters = false) {
+        std::string text;
+        std::vector<std::uint32_t> list(3);
+        const int result =
+            dqGetSynthesisGroup(static_cast<std::uint64_t>(number), skipDiffs, skipMasters, &list, &text);
+        EXPECT_EQ(result == 0, !list.empty());
+        return text;
+    }
+};
 
 TEST_F(Common, TypeNamesComeFromTheTypeAndTheApplication) {
     const struct {
@@ -92,33 +112,42 @@ TEST_F(Common, HactarEstimateCountsHeadersSmallFilesAndReferences) {
     EXPECT_EQ(estimateHactarSize(1, ESTIMATE_HACTAR_FILE), 0u);
 }
 
-TEST_F(Common, SynthesisGroupRefusesWhatCantBeItsEnd) {
+TEST_F(Common, GroupsRefuseWhatCantBeTheirEnd) {
     const struct {
+        bool synthesis;
         const char* change;
         const char* reason;
     } cases[] = {
-        {"status = 4096 | 64 | 2048, tape_no = 4294967295", "Input backup was not successful."},
-        {"status = 2048", "Input backup is not complete."},
-        {"tape_no = 4294967295, properties = 0", "Input backup has been logically deleted."},
-        {"properties = 1", "Input backup is not synthesis-capable."},
-        {"properties = 4097", "Cannot restore SDS backups."},
-        {"type = 5, status = 0", "Input backup must be a supported type."},
-        {"instance_id = 2, status = 64 + 2048", nullptr},
+        {true, "status = 4096 | 64 | 2048, tape_no = 4294967295", "Input backup was not successful."},
+        {true, "status = 2048", "Input backup is not complete."},
+        {true, "tape_no = 4294967295, properties = 0", "Input backup has been logically deleted."},
+        {true, "properties = 1", "Input backup is not synthesis-capable."},
+        {true, "properties = 4097", "Cannot restore SDS backups."},
+        {true, "type = 5, status = 0", "Input backup must be a supported type."},
+        {true, "backup_no = 8", "Invalid backup id: 7."},
+        {true, "instance_id = 2, status = 64 + 2048", nullptr},
+        {false, "properties = 1, tape_no = 4294967295", "SDS backups cannot be restored"},
+        {false, "tape_no = 4294967295, status = 0", "Purged backups cannot be restored"},
+        {false, "status = 2048", "Active backups cannot be restored"},
+        {false, "type = 1031, status = 4096 | 64", "Failed backups of this type cannot be restored"},
+        {false, "type = 1, status = 4096 | 64", nullptr},
+        {false, "type = 3", "Backup 7 has an unknown or unsupported backup type (3)."},
+        {false, "type = 1039", "Backup 7 has an unknown or unsupported backup type (1039)."},
+        {false, "type = 6", "Backup 7 not returned from query"},
+        {false, "instance_id = 9", "Failed to retrieve application information for backup 7"},
+        {false, "type = 5, instance_id = 2", "Failed to get instance name for backup 7"},
     };
+    instance(1, 1);
+    instance(2, 2);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.change);
         catalogue.sql("DELETE FROM dq.backups");
         backup(7, TYPE_MASTER, 1, 100, c.change);
-        std::vector<std::uint32_t> list = {99};
-        EXPECT_EQ(dqGetSynthesisGroup(7, false, false, &list, nullptr), c.reason != nullptr ? -1 : 0);
-        EXPECT_EQ(list.size(), c.reason != nullptr ? 0u : 1u);
-        if (c.reason != nullptr) {
-            EXPECT_STREQ(dqLastError(), c.reason);
-        }
+        EXPECT_EQ((c.synthesis ? synthesisGroup(7) : restoreGroup(7)).empty(), c.reason != nullptr);
+        EXPECT_TRUE(c.reason == nullptr || c.reason == std::string(dqLastError())) << dqLastError();
     }
-    EXPECT_EQ(dqGetSynthesisGroup(8, false, false, nullptr, nullptr), -1);
-    EXPECT_STREQ(dqLastError(), "Invalid backup id: 8.");
-    EXPECT_TRUE(root.logged("dqGetSynthesisGroup: Error: Invalid backup id: 8."));
+    EXPECT_TRUE(root.logged("dqGetSynthesisGroup: Error: Invalid backup id: 7."));
+    EXPECT_EQ(dqGetRestoreGroupOptimized(7, nullptr), -1);
 }
 
 TEST_F(Common, SynthesisGroupStartsAtTheNewestMasterOrDifferential) {
@@ -131,47 +160,10 @@ TEST_F(Common, SynthesisGroupStartsAtTheNewestMasterOrDifferential) {
     backup(6, TYPE_INCREMENTAL, 2, 600);
     backup(7, TYPE_INCREMENTAL, 1, 700);
     backup(8, TYPE_INCREMENTAL, 1, 800);
-    const auto group = [](bool skipDiffs, bool skipMasters) {
-        std::string text;
-        EXPECT_EQ(dqGetSynthesisGroup(7, skipDiffs, skipMasters, nullptr, &text), 0);
-        return text;
-    };
-    EXPECT_EQ(group(false, false), "1,3,4,7");
-    EXPECT_EQ(group(true, false), "1,2,4,7");
+    EXPECT_EQ(synthesisGroup(7), "1,3,4,7");
+    EXPECT_EQ(synthesisGroup(7, true), "1,2,4,7");
     catalogue.sql("UPDATE dq.backups SET properties = " + std::to_string(synthetic));
-    EXPECT_EQ(group(true, true), "2,4,7");
-}
-
-TEST_F(Common, RestoreGroupRefusals) {
-    instance(1, 1);
-    instance(2, 2);
-    const struct {
-        const char* change;
-        const char* reason;
-    } cases[] = {
-        {"properties = 1, tape_no = 4294967295", "SDS backups cannot be restored"},
-        {"tape_no = 4294967295, status = 0", "Purged backups cannot be restored"},
-        {"status = 2048", "Active backups cannot be restored"},
-        {"type = 1031, status = 4096 | 64", "Failed backups of this type cannot be restored"},
-        {"type = 1, status = 4096 | 64", nullptr},
-        {"type = 3", "Backup 7 has an unknown or unsupported backup type (3)."},
-        {"type = 1039", "Backup 7 has an unknown or unsupported backup type (1039)."},
-        {"type = 6", "Backup 7 not returned from query"},
-        {"instance_id = 9", "Failed to retrieve application information for backup 7"},
-        {"type = 5, instance_id = 2", "Failed to get instance name for backup 7"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.change);
-        catalogue.sql("DELETE FROM dq.backups");
-        backup(7, TYPE_MASTER, 1, 100, c.change);
-        std::vector<RestoreGroupRecord> list(3);
-        EXPECT_EQ(dqGetRestoreGroupOptimized(7, &list), c.reason != nullptr ? -1 : 0);
-        EXPECT_EQ(list.size(), c.reason != nullptr ? 0u : 1u);
-        if (c.reason != nullptr) {
-            EXPECT_STREQ(dqLastError(), c.reason);
-        }
-    }
-    EXPECT_EQ(dqGetRestoreGroupOptimized(7, nullptr), -1);
+    EXPECT_EQ(synthesisGroup(7, true, true), "2,4,7");
 }
 
 TEST_F(Common, RestoreGroupMembersCarryResultAndTypeCode) {
@@ -183,12 +175,42 @@ TEST_F(Common, RestoreGroupMembersCarryResultAndTypeCode) {
     backup(5, TYPE_ESX_INCR, 1, 400);
     std::vector<RestoreGroupRecord> list;
     ASSERT_EQ(dqGetRestoreGroupOptimized(5, &list), 0);
-    std::string text;
-    for (const auto& r : list)
-        text += formatString("%u:%d:%d:%ld ", r.backupNo, r.resultCode, r.jobTypeCode, static_cast<long>(r.startTime));
-    EXPECT_EQ(text, "1:1:41:100 3:1:42:200 4:2:43:300 5:0:43:400 ") << "an imported full is not mixed in";
+    EXPECT_EQ(restoreGroup(5), "1:1:41 3:1:42 4:2:43 5:0:43 ") << "an imported full is not mixed in";
+    EXPECT_EQ(list[3].startTime, 400);
     EXPECT_EQ(list[0].appName, "VMware");
     EXPECT_EQ(list[0].instanceName, "host|" + std::string(122, 'm'));
+}
+
+// Of each family a full, a differential and two incrementals (or a full and what follows); the groups of the last.
+TEST_F(Common, EveryFamilyFollowsItsOwnTypes) {
+    const struct {
+        std::vector<int> types;
+        int app;
+        const char* restore;
+        const char* synthesis;
+    } cases[] = {
+        {{TYPE_MASTER, TYPE_DIFFERENTIAL, TYPE_INCREMENTAL, TYPE_INCREMENTAL}, 1, "", "1,2,3,4"},
+        {{5, 6, 7, 7}, 2, "1:0:21 2:0:22 3:0:23 4:0:23 ", ""},
+        {{9, 10, 11, 11}, 3, "1:0:31 2:0:32 3:0:33 4:0:33 ", ""},
+        {{12, 13, 14, 14}, 4, "1:0:41 2:0:42 3:0:43 4:0:43 ", "1,2,3,4"},
+        {{1031, 1032, 1033, 1033}, 5, "1:0:51 2:0:52 3:0:53 4:0:53 ", "1,2,3,4"},
+        {{1034, 1035, 1035}, 6, "1:0:71 2:0:72 3:0:72 ", ""},
+        {{1036, 1037, 1037}, 7, "1:0:81 3:0:82 ", ""},
+        {{4098, 4099, 4100, 4100}, 8, "1:0:91 2:0:92 3:0:93 4:0:93 ", "1,2,3,4"},
+        {{1039, 4096, 4097, 4097}, 9, "", ""},  // of this application only fulls are known
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.types[0]);
+        SetUp();
+        instance(1, c.app, "'first', 'second'");
+        int number = 0;
+        for (const int type : c.types) {
+            ++number;
+            backup(number, type, 1, number);
+        }
+        EXPECT_EQ(restoreGroup(number), c.restore);
+        EXPECT_EQ(synthesisGroup(number), c.synthesis);
+    }
 }
 
 TEST_F(Common, LegacySqlChainEndsAtTheBackupItself) {
@@ -203,36 +225,35 @@ TEST_F(Common, LegacySqlChainEndsAtTheBackupItself) {
     legacy(3, 3, 3, "BOOKS");
     legacy(4, 3, 4, "other");
     legacy(5, 3, 5, "Books");
-    std::vector<RestoreGroupRecord> list;
-    ASSERT_EQ(dqGetRestoreGroupOptimized(3, &list), 0);
-    std::string text;
-    for (const auto& r : list)
-        text += formatString("%u:%d ", r.backupNo, r.jobTypeCode);
-    EXPECT_EQ(text, "1:1 2:2 3:3 ");
+    EXPECT_EQ(restoreGroup(3), "1:0:1 2:0:2 3:0:3 ");
 }
 
-TEST_F(Common, AttributesOfABackup) {
-    catalogue.sql(
-        "INSERT INTO dq.devices (device_no, dev_name) VALUES (4, 'D2D');"
-        "INSERT INTO dq.filesets (fileset_no, tape_drive_name) VALUES (8, 'D2D')");
-    backup(1, TYPE_MASTER, 1, 100, "fileset_no = 8, total_megs = 3000, properties = 4294967296 | 256");
-    EXPECT_EQ(getBackupDevice(1), 4);
-    EXPECT_EQ(getBackupDevice(2), -1);
-    EXPECT_EQ(getBackupMegs(1), 3000);
-    EXPECT_EQ(getBackupMegs(2), 0);
+TEST_F(Common, FaultIsInjectedAndAMissingBackupIsNoBackup) {
+    backup(1, TYPE_MASTER, 1, 100, "properties = 4294967296 | 256");
     int status = -1;
     std::int64_t properties = -1;
     EXPECT_EQ(getBackupStatusAndProperties(1, &status, &properties), 0);
-    EXPECT_EQ(status, ST_COMPLETE | ST_SUCCESS);
     EXPECT_EQ(properties, 4294967552);
     root.masterIni("[Replication]\nfailCheckStatus=3\n");
     EXPECT_EQ(getBackupStatusAndProperties(1, &status, &properties), -1);
-    EXPECT_TRUE(root.logged("failCheckStatus:3, return FAILED."));
     bool encrypted = false;
     EXPECT_EQ(dq_is_backup_encrypted(1, &encrypted), 0);
     EXPECT_TRUE(encrypted);
-    EXPECT_EQ(dq_is_backup_encrypted(2, &encrypted), -1);
-    EXPECT_STREQ(dqLastError(), "Backup number 2 not found\n");
+    EXPECT_EQ(dq_is_backup_encrypted(2, &encrypted) + getBackupDevice(2), -2);
+    EXPECT_EQ(getBackupMegs(2), 0);
+    EXPECT_FALSE(dqGetInstanceName(77));
+    EXPECT_STREQ(dqLastError(), "Could not retrieve name of instance_id 77");
+}
+
+// On which the pruning of the queue stands.
+TEST_F(Common, OnlyMasterHasAJobCodeThatIsASelfContainedType) {
+    std::string alone;
+    for (int type = 1; type < 5000; ++type) {
+        if (isSelfContainedType(type))
+            alone += std::to_string(type) + " ";
+        EXPECT_TRUE(type == TYPE_MASTER || !isSelfContainedType(jobTypeCode(type))) << type;
+    }
+    EXPECT_EQ(alone, "1 5 9 12 1024 1031 1034 1036 1038 1039 4098 ");
 }
 
 TEST_F(Common, ExtensionTypesAreKnownByTheirApplication) {
