@@ -126,50 +126,26 @@ int addSystem(xmlNodePtr root, const Subject& subject) {
     return 0;
 }
 
-// The outcome of giving an instance its first identity: who came first decides, so every exporter sends the same one.
-int settleIdentity(const PgResultPtr& update, const char* generated, const PgResultPtr& stored, std::string* identity) {
-    if (!update)
-        return -1;
-    if (pgAffected(update.get()) > 0) {
-        *identity = generated;
-        return 0;
-    }
-    if (pgTuples(stored.get()) == 0 || pgIsNull(stored.get(), 0, "identity"))
-        return -1;
-    *identity = pgSDup(stored.get(), 0, "identity");
-    return 0;
-}
-
-int createClientIdentity(long nodeNo, std::string* identity) {
-    char uuid[UUID_BUFFER_SIZE];
-    if (genUUID(uuid, sizeof uuid) == -1)
-        return -1;
-    const PgResultPtr update = pgVExec(
-        "UPDATE application_instances SET identity = '%s' WHERE node_no = %ld AND app_id = 1 AND identity IS NULL",
-        uuid, nodeNo);
-    PgResultPtr stored;
-    if (update && pgAffected(update.get()) == 0) {
-        LOG_HERE(3, "%s: Possible race on creating file-level uuid for node %ld, re-querying to get it.\n", FUNCTION,
-                 nodeNo);
-        stored = pgVExec("SELECT identity FROM application_instances WHERE node_no = %ld AND app_id = 1", nodeNo);
-    }
-    return settleIdentity(update, uuid, stored, identity);
-}
-
-int createInstanceIdentity(long instanceId, std::string* identity) {
+// Gives an instance its first identity. Who comes first decides, so that every exporter sends the same one. `where` is
+// the condition that names the instance, `what` tells of a lost race on the log.
+int createIdentity(const std::string& where, const std::string& what, std::string* identity) {
     char uuid[UUID_BUFFER_SIZE];
     if (genUUID(uuid, sizeof uuid) == -1)
         return -1;
     const PgResultPtr update =
-        pgVExec("UPDATE application_instances SET identity = '%s' WHERE instance_id = %ld AND identity IS NULL", uuid,
-                instanceId);
-    PgResultPtr stored;
-    if (update && pgAffected(update.get()) == 0) {
-        LOG_HERE(3, "%s: Possible race on creating uuid for instance_id %ld, re-querying to get it.\n", FUNCTION,
-                 instanceId);
-        stored = pgVExec("SELECT identity FROM application_instances WHERE instance_id = %ld", instanceId);
+        pgVExec("UPDATE application_instances SET identity = '%s' WHERE %s AND identity IS NULL", uuid, where.c_str());
+    if (!update)
+        return -1;
+    if (pgAffected(update.get()) > 0) {
+        *identity = uuid;
+        return 0;
     }
-    return settleIdentity(update, uuid, stored, identity);
+    LOG_HERE(3, "%s: Possible race on creating %s, re-querying to get it.\n", FUNCTION, what.c_str());
+    const PgResultPtr stored = pgVExec("SELECT identity FROM application_instances WHERE %s", where.c_str());
+    if (pgTuples(stored.get()) == 0 || pgIsNull(stored.get(), 0, "identity"))
+        return -1;
+    *identity = pgSDup(stored.get(), 0, "identity");
+    return 0;
 }
 
 // The client's name and file-level identity. A client of another system must bring both with it.
@@ -188,7 +164,8 @@ int readClient(const Subject& subject, const PgResultPtr& row, std::string* name
         LOG_HERE(0, "%s: ERROR: file-level identity for grandclient %ld is NULL.\n", FUNCTION, subject.nodeNo);
         return -1;
     }
-    return createClientIdentity(subject.nodeNo, identity);
+    return createIdentity(formatString("node_no = %ld AND app_id = 1", subject.nodeNo),
+                          formatString("file-level uuid for node %ld", subject.nodeNo), identity);
 }
 
 int addClient(xmlNodePtr root, const Subject& subject) {
@@ -225,7 +202,8 @@ int addApplication(xmlNodePtr root, Subject* subject) {
                      subject->instanceId);
             return -1;
         }
-        if (createInstanceIdentity(subject->instanceId, &identity) == -1)
+        if (createIdentity(formatString("instance_id = %ld", subject->instanceId),
+                           formatString("uuid for instance_id %ld", subject->instanceId), &identity) == -1)
             return failedElements("application_instances");
     }
     const xmlNodePtr instances = addElement(root, "application_instances");

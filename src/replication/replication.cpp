@@ -47,7 +47,6 @@ int parseIdentity(const char* ubi, const char* caller, Identity* identity) {
 // Gathers backup numbers, logging them each time the line is full.
 class NumberLines {
 public:
-    explicit NumberLines(const char* caller) : caller_(caller) {}
     void add(long number) {
         const std::string text = std::to_string(number);
         if (!line_.empty() && line_.size() + 2 + text.size() > LINE_LENGTH)
@@ -56,13 +55,12 @@ public:
     }
     void flush() {
         if (!line_.empty())
-            LOG_HERE(0, "%s: %s\n", caller_, line_.c_str());
+            LOG_HERE(0, "%s\n", line_.c_str());
         line_.clear();
     }
 
 private:
     static constexpr std::size_t LINE_LENGTH = 511;
-    const char* caller_;
     std::string line_;
 };
 
@@ -192,7 +190,7 @@ int enforceGroupOrdering(std::uint64_t instanceId, std::int64_t startTime, bool 
         LOG_HERE(0, "%s: ERROR: Out of order backups detected, %zd backups found that are newer than current backup:\n",
                  __func__, static_cast<ssize_t>(found));
     int left = found;
-    NumberLines lines(__func__);
+    NumberLines lines;
     for (int row = 0; row < found; ++row) {
         const long number = pgIVal(result.get(), row, "backup_no");
         if (markFailed) {

@@ -1,5 +1,8 @@
 #include "replication/uxml.h"
 
+#include <libxml/parserInternals.h>
+#include <libxml/xmlstring.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -24,6 +27,20 @@ bool isElement(xmlNodePtr node, const char* name) {
     return node->type == XML_ELEMENT_NODE && xmlStrcmp(node->name, toXml(name)) == 0;
 }
 
+// Whether an element can hold the text. The library would write an empty element, or a broken document, without a word.
+bool isXmlText(const char* text) {
+    int left = static_cast<int>(std::strlen(text));
+    while (left > 0) {
+        int length = left;
+        const int character = xmlGetUTF8Char(toXml(text), &length);
+        if (character < 0 || !IS_CHAR(character))
+            return false;
+        text += length;
+        left -= length;
+    }
+    return true;
+}
+
 // Text of a child, or its default when the child is missing.
 template <typename Number, typename Parse>
 int getNumber(xmlNodePtr node, const char* name, Number* value, Parse parse) {
@@ -37,8 +54,8 @@ int getNumber(xmlNodePtr node, const char* name, Number* value, Parse parse) {
 }  // namespace
 
 int uxml_add_text(xmlNodePtr parent, const char* name, const char* content) {
-    if (content != nullptr && xmlCheckUTF8(toXml(content)) == 0) {
-        LOG_HERE(0, "Text of XML element <%s> is not UTF-8", name);
+    if (content != nullptr && !isXmlText(content)) {
+        LOG_HERE(0, "Text of XML element <%s> is not UTF-8, or has characters that XML can't carry", name);
         return -1;
     }
     // The call for text: the one for content would leave '&' as it stands.

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-// Add a child element that holds the value. Text must be UTF-8: anything else would spoil the document unnoticed.
+// Add a child element that holds the value. Text that isn't UTF-8, or holds a character that
+// XML has no place for, fails its element: it would be lost, or spoil the document, unnoticed.
 [[nodiscard]] int uxml_add_text(xmlNodePtr parent, const char* name, const char* content);
 [[nodiscard]] int uxml_add_bool(xmlNodePtr parent, const char* name, bool value);
 [[nodiscard]] int uxml_add_int(xmlNodePtr parent, const char* name, int value);
