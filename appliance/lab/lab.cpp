@@ -24,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds POLL{20};
 constexpr std::chrono::seconds START_LIMIT{30};
+constexpr std::chrono::seconds WORKER_LIMIT{15};  // longer than a worker needs to end
 constexpr int REPLICATION_COMPLETE = 2;
 
 void writeText(const fs::path& path, const std::string& text) {
@@ -251,10 +252,14 @@ void Lab::startDaemon() {
     daemon_ = source_.start({source_.root() / "usr/dq/bin/ferryd", "-d"}, "ferryd.out");
 }
 
-// Workers are in the daemon's process group; none of them may outlive the lab.
+// Workers are in the daemon's process group. None of them may outlive the lab, but given the time they end by
+// themselves, and end their tools, which have groups of their own.
 void Lab::stopDaemon(int signal) {
     const pid_t group = daemon_.pid();
     daemon_.stop(signal);
+    const auto deadline = Clock::now() + WORKER_LIMIT;
+    while (signal == SIGTERM && group > 1 && ::kill(-group, 0) == 0 && Clock::now() < deadline)
+        std::this_thread::sleep_for(POLL);
     if (group > 1)
         ::kill(-group, SIGKILL);
 }

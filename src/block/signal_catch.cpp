@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/job_gate.h"
 #include "log/logger.h"
 
 namespace {
@@ -151,6 +152,7 @@ std::uint64_t endLayer(SignalLayer layer, int* result) {
 }  // namespace
 
 int catchSignals(SignalLayer layer) {
+    passJobGate();
     if (!lockState(__func__))
         return -1;
     Layer& state = stateOf(layer);
@@ -166,6 +168,9 @@ int catchSignals(SignalLayer layer) {
     const std::uint64_t early = result == -1 ? state.state.exchange(0) & ~ACTIVE : 0;
     unlockState(__func__);
     (void)raiseAgain(early);
+    // Whoever closed the gate and then finds no layer active ends the process, so nothing of an operation may have
+    // begun by then; who finds one active opens the gate again.
+    passJobGate();
     return result;
 }
 

@@ -1,9 +1,17 @@
 // Commands on backups and targets.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string>
 
+#include "base/file_descriptor.h"
 #include "base/paths.h"
 #include "base/releaser.h"
 #include "base/signal_flags.h"
@@ -25,6 +33,7 @@ namespace {
 using StreamPtr = std::unique_ptr<FILE, Releaser<&fclose>>;
 
 constexpr int FAILED = 1;
+constexpr mode_t CSV_MODE = 0644;
 
 // One backup of the queue, with what a target says of it.
 struct SourceRow {
@@ -101,15 +110,60 @@ void printStatus(const SourceRow& source, const char* target, const std::string&
     writeCsv(csv, source, &answer);
 }
 
+// A new file in the place of whatever is there: the directory is everybody's, and a link in it must not lead the
+// operator to another file.
 StreamPtr openCsv() {
-    StreamPtr csv(fopen(systemPath(paths::REPLICATION_RESULT_CSV).c_str(), "we"));
-    if (!csv)
-        printf(".csv file not created\n");
-    else
+    const std::string path = systemPath(paths::REPLICATION_RESULT_CSV);
+    std::string temporary = path + ".XXXXXX";
+    FileDescriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+    StreamPtr csv;
+    if (file.isOpen() && fchmod(file.get(), CSV_MODE) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
+        csv.reset(fdopen(file.get(), "w"));
+    if (csv) {
+        (void)file.release();
         fprintf(csv.get(),
                 "backup_no,instance_id,start_time,properties,backups_status,replication_queue_status,type,backup_no,"
                 "properties,status\n");
+    } else {
+        LOG_HERE(0, "Can't create %s: %s", path.c_str(), strerror(errno));
+        if (file.isOpen())
+            (void)unlink(temporary.c_str());
+        printf(".csv file not created\n");
+    }
     return csv;
+}
+
+// What can't be written, on a full disk, makes a failure of a command that went well.
+int closeCsv(StreamPtr csv, int result) {
+    if (!csv)
+        return result;
+    const bool written = ferror(csv.get()) == 0;
+    if (fclose(csv.release()) == 0 && written)
+        return result;
+    LOG_HERE(0, "The CSV file could not be written");
+    fprintf(stderr, "ferryd util: the CSV file can't be written\n");
+    return result < 0 ? result : FAILED;
+}
+
+// The number of rows, FAILED if it was broken off, or -1.
+int listRows(const pgResult* rows, const char* target, FILE* csv) {
+    const int count = pgTuples(rows);
+    for (int row = 0; row < count; ++row) {
+        if (stopRequested())
+            return FAILED;
+        const SourceRow source = sourceRow(rows, row);
+        std::optional<std::string> identity;
+        const int result = getUniversalBackupIdentity(static_cast<std::uint64_t>(source.backupNo), &identity);
+        if (result == 0 && !identity) {
+            LOG_HERE(0, "First time instance replication.");
+            return -1;
+        }
+        if (result == -1)
+            LOG_HERE(0,
+                     "Warning: Unable to get Universal Backup Identity. Using 'tempUUID'\nReporting may be inaccurate");
+        printStatus(source, target, identity.value_or(""), csv);
+    }
+    return count;
 }
 
 int resolveOutOfOrder(const char* target, std::uint64_t backupNo) {
@@ -184,9 +238,9 @@ int utilReplicate(Arguments arguments) {
         return FAILED;
     readConfiguration();
     std::string target = arguments[1];
-    const int result = runWorker(backupNo, &target, false);
-    LOG_HERE(3, "Worker return:%d", result);
-    return result == WORKER_DONE ? 0 : result;
+    bool replicated = false;
+    LOG_HERE(3, "Worker return:%d", runWorker(backupNo, &target, false, &replicated));
+    return replicated ? 0 : FAILED;
 }
 
 int utilStartBackup(Arguments arguments) {
@@ -253,26 +307,11 @@ int utilListBackupStatus(Arguments arguments) {
         LOG_HERE(0, "Error: failed database Query: %s\n", statement.text());
         return -1;
     }
-    const int count = pgTuples(rows.get());
-    if (count == 0) {
+    if (pgTuples(rows.get()) == 0) {
         LOG_HERE(0, "No backups to list");
         return 0;
     }
-    const StreamPtr csv = openCsv();
-    for (int row = 0; row < count; ++row) {
-        if (stopRequested())
-            return FAILED;
-        const SourceRow source = sourceRow(rows.get(), row);
-        std::optional<std::string> identity;
-        const int result = getUniversalBackupIdentity(static_cast<std::uint64_t>(source.backupNo), &identity);
-        if (result == 0 && !identity) {
-            LOG_HERE(0, "First time instance replication.");
-            return -1;
-        }
-        if (result == -1)
-            LOG_HERE(0,
-                     "Warning: Unable to get Universal Backup Identity. Using 'tempUUID'\nReporting may be inaccurate");
-        printStatus(source, arguments[0], identity.value_or(""), csv.get());
-    }
-    return count;
+    StreamPtr csv = openCsv();
+    const int result = listRows(rows.get(), arguments[0], csv.get());
+    return closeCsv(std::move(csv), result);
 }

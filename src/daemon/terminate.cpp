@@ -13,8 +13,15 @@
 
 namespace {
 
+constexpr auto WORKER_PATIENCE = std::chrono::seconds(12);  // longer than a worker's cleanup can take
+
+// The row is ended when its worker is: one that still ran could write another status over it.
 void terminateOne(const QueueEntry& row) {
-    interruptWorker(static_cast<std::uint32_t>(row.backupNo), row.vault);
+    if (!interruptWorker(static_cast<std::uint32_t>(row.backupNo), row.vault, WORKER_PATIENCE)) {
+        LOG_HERE(0, "The worker of backup %lu is still changing hash data; trying again in the next pass",
+                 row.backupNo);
+        return;
+    }
     (void)cancelOnTarget(row.backupNo, row.vault);  // the target may be gone; the row is ended here all the same
     if (removeHactar(row.backupNo) != 0)
         LOG_HERE(0, "failed to remove hactar");

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/job_gate.h"
 #include "base/signals.h"
 #include "database/pghelper_internal.h"
 
@@ -213,6 +214,7 @@ bool connectionGood() {
 }
 
 int ensureConnected() {
+    passJobGate();
     if (connectionGood())
         return 0;
     LOG_HERE(3, "Not connected to Postgres or connection bad, reconnecting...\n");

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "bandwidth/blockOut.h"
+#include "base/job_gate.h"
 #include "base/text.h"
 #include "log/logger.h"
 #include "log/thread_record.h"
@@ -105,6 +106,7 @@ ThreadCurlData* getThreadCurlData() {
 }
 
 timeval paceStart(ThreadCurlData* data) {
+    passJobGate();  // a body that is on its way stops at its next piece
     timeval now;
     (void)gettimeofday(&now, nullptr);  // can't fail with a good pointer
     // A clock that was set back can come here again in a second that is used up; an allowance of 0 would pass for the
@@ -179,6 +181,7 @@ bool transferIsRunning() {
 CURLcode performRequest(CURL* handle, ThreadCurlData*) {
     if (handle == nullptr)
         return CURLE_BAD_FUNCTION_ARGUMENT;
+    passJobGate();
     ++g_transfers;
     const CURLcode code = curl_easy_perform(handle);
     --g_transfers;

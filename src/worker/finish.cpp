@@ -1,11 +1,7 @@
 // The last part of a job: waiting while the target builds the backup, and the verdict.
 
-#include <unistd.h>
-
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
-#include "config/directories.h"
-#include "config/ini.h"
 #include "log/logger.h"
 #include "rest/session.h"
 #include "worker/hactar.h"
@@ -17,34 +13,29 @@ constexpr int POLL = 5;               // seconds, default of CheckInterval
 constexpr int BUILD_TIMEOUT = 10000;  // seconds, default of CheckTimeout
 constexpr int UNUSABLE_ANSWERS = 5;   // in a row, default of invalidUUIDcheckRetryCount
 
-int setting(const char* key, int defaultValue) {
-    return ini_get_int("Replication", key, defaultValue, g_master_ini);
-}
-
 void logAnswer(int level, const WorkerJob& job, const char* what, const char* tail) {
     LOG_HERE(level, "%s, uuidCheck:%ld, Status:%ld, Properties:%ld%s", what, static_cast<long>(job.uuidCheck),
              static_cast<long>(job.targetStatus), static_cast<long>(job.targetProperties), tail);
 }
 
 void noteLongBuild(WorkerJob* job, const Seconds& waiting) {
-    const int timeout = setting("CheckTimeout", BUILD_TIMEOUT);
+    const int timeout = replicationKey("CheckTimeout", BUILD_TIMEOUT);
     if (timeout >= 0 && waiting.passed() <= static_cast<std::uint64_t>(timeout))
         return;
     job->progress.close(SLOT_WAIT);
     job->progress.close(SLOT_PROCESSING);
-    if (!job->progress.record(SLOT_NO_ACTIVITY).isOpen())
-        job->progress.open(SLOT_NO_ACTIVITY, job->vault, job->hostName, job->typeText, job->backupNo);
+    if (!job->progress.wasOpened(SLOT_NO_ACTIVITY))
+        job->progress.open(SLOT_NO_ACTIVITY, *job);
 }
 
 // Until the target stops building, or too many answers in a row tell nothing. The wait itself has no limit.
 void waitForTarget(WorkerJob* job, const Seconds& waiting) {
-    const int limit = setting("invalidUUIDcheckRetryCount", UNUSABLE_ANSWERS);
+    const int limit = replicationKey("invalidUUIDcheckRetryCount", UNUSABLE_ANSWERS);
     int unusable = 0;
     while (unusable < limit) {
         LOG_HERE(3, "uuidCheckLoop");
         checkOnTarget(job, job->targetBackupNo);
-        if (job->progress.record(SLOT_WAIT).isOpen())
-            (void)updateProgress(&job->progress.record(SLOT_WAIT));  // a courtesy
+        job->progress.update(SLOT_WAIT);
         if (job->uuidCheck != job->targetBackupNo) {
             logAnswer(0, *job, "Could not determine if target is building backup", " retry");
             ++unusable;
@@ -55,9 +46,8 @@ void waitForTarget(WorkerJob* job, const Seconds& waiting) {
             logAnswer(3, *job, "Target is building backup", "");
             unusable = 0;
         }
-        const int interval = setting("CheckInterval", POLL);
         noteLongBuild(job, waiting);
-        sleep(interval > 0 ? static_cast<unsigned>(interval) : 0);
+        pollPause(replicationKey("CheckInterval", POLL));
     }
 }
 
@@ -76,6 +66,7 @@ void succeed(WorkerJob* job, const Seconds& waiting) {
     (void)setSyncDone(job->backupNo);
     writeSdsStats(*job, "Success: ");
     setQueueStatus(*job, REPLICATION_COMPLETE);
+    job->replicated = true;
     LOG_HERE(0, "Finished: backup %ld is %ld on target", static_cast<long>(job->backupNo),
              static_cast<long>(job->targetBackupNo));
 }
@@ -105,11 +96,12 @@ void judge(WorkerJob* job, const Seconds& waiting) {
 }
 
 void dropHactar(WorkerJob* job) {
-    if (setting("SaveHactar", 0) != 0 || removeHactar(job->backupNo) == 0)
+    if (replicationKey("SaveHactar", 0) != 0 || removeHactar(job->backupNo) == 0)
         return;
     LOG_HERE(0, "failed to remove hactar");
     setFailedStatusText(job, "Failed: %s.", "Unable to clear local metadata. This replication will now retry");
     job->outcome = OUTCOME_RETRY;
+    job->replicated = false;
 }
 
 }  // namespace
@@ -118,7 +110,7 @@ void finishOnTarget(WorkerJob* job) {
     job->progress.close(SLOT_PROCESSING);
     LOG_HERE(3, "backup %ld is being built as %ld on target", static_cast<long>(job->backupNo),
              static_cast<long>(job->targetBackupNo));
-    job->progress.open(SLOT_WAIT, job->vault, job->hostName, job->typeText, job->backupNo);
+    job->progress.open(SLOT_WAIT, *job);
     const Seconds waiting;
     waitForTarget(job, waiting);
     job->progress.close(SLOT_WAIT);

@@ -1,13 +1,19 @@
 #include "worker/hactar.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
+#include "base/file_descriptor.h"
+#include "base/job_gate.h"
+#include "base/paths.h"
 #include "base/run_command.h"
+#include "base/signal_flags.h"
 #include "bookkeeping/common.h"
 #include "config/directories.h"
 #include "database/pghelper.h"
@@ -19,6 +25,7 @@
 namespace {
 
 constexpr std::size_t COMMAND_SIZE = 512;
+constexpr mode_t LOCK_FILE_MODE = 0644;
 constexpr std::size_t PATH_SIZE = 1024;
 constexpr int SIGNAL_MASK = 0x7f;    // of a wait status
 constexpr int ABNORMAL_EXIT = 0x7f;  // no signal, no exit
@@ -55,10 +62,34 @@ std::string toolPath(const char* name) {
     return shellQuoted(g_bindir + "/" + name);
 }
 
+// Opens the right to make a backup's final metadata file, and waits for it. It is a lock on one byte of a file of the
+// system, the backup's number; it belongs to the open file, which the tool inherits, and so lasts until the last
+// process that may still write has gone, whatever became of its worker. 0 or -1 (logged).
+int lockHactar(std::uint64_t backupNo, FileDescriptor* lock) {
+    const std::filesystem::path path = systemPath(paths::RUN_DIR) + "/ferryd.hactar";
+    std::error_code ignored;  // the file can't be opened then
+    std::filesystem::create_directories(path.parent_path(), ignored);
+    lock->reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_FILE_MODE));
+    struct flock range = {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    range.l_start = static_cast<off_t>(backupNo);
+    range.l_len = 1;
+    int rc = fcntl(lock->get(), F_OFD_SETLK, &range);
+    if (rc == -1 && (errno == EAGAIN || errno == EACCES)) {
+        LOG_HERE(0, "The final metadata of backup %lu is still being made by an earlier run, waiting", backupNo);
+        while ((rc = fcntl(lock->get(), F_OFD_SETLKW, &range)) == -1 && errno == EINTR && !stopRequested()) {
+        }
+    }
+    if (rc == -1)
+        LOG_HERE(0, "Can't lock byte %lu of %s: %s", backupNo, path.c_str(), strerror(errno));
+    return rc;
+}
+
 // Runs a tool of the appliance. Its wait status, or -1 (logged).
-int runTool(const char* command) {
+int runTool(const char* command, const FileDescriptor& lock) {
     LOG_HERE(3, "Executing command:%s", command);
-    const int status = runCommand(command);
+    const int status = runCommand(command, lock.get());
     if (status == -1) {
         LOG_HERE(0, "system command:\"%s\" failed\n", command);
         LOG_HERE(0, "errno:%s", strerror(errno));
@@ -94,7 +125,7 @@ int hashBackup(std::uint64_t backupNo) {
         LOG_HERE(0, "Command too long for buffer");
         return -1;
     }
-    const int status = runTool(command);
+    const int status = runTool(command, FileDescriptor());
     if (status == -1 || status == 0)
         return status;
     const int exitStatus = (status >> 8) & 0xff;  // a death by signal counts as 0
@@ -110,7 +141,10 @@ int createHactar(std::uint64_t backupNo) {
         LOG_HERE(0, "Command too long for buffer");
         return -1;
     }
-    const int status = runTool(command);
+    FileDescriptor lock;
+    if (lockHactar(backupNo, &lock) == -1)
+        return -1;
+    const int status = runTool(command, lock);
     if (status == -1)
         return -1;
     if ((status & SIGNAL_MASK) != 0) {
@@ -162,6 +196,7 @@ int removeHactar(std::uint64_t backupNo) {
     std::string path;
     if (hactarPath(backupNo, &path) == -1)
         return -1;
+    passJobGate();
     if (access(path.c_str(), F_OK) == -1)
         return 0;
     if (unlink(path.c_str()) == -1) {

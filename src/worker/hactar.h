@@ -10,7 +10,7 @@ inline constexpr int HASH_LOCKED = 3;  // fileDedup: another process holds the b
 // Has a backup hashed if it isn't. 0 hashed, HASH_LOCKED, another exit status of the tool, or -1.
 [[nodiscard]] int hashBackup(std::uint64_t backupNo);
 
-// Makes the file. 0 or -1.
+// Makes the file. No two tools ever work on the file of one backup: waits for a run that a dead worker left. 0 or -1.
 [[nodiscard]] int createHactar(std::uint64_t backupNo);
 
 // Sends the file; `elapsed` seconds were spent on the backup. Stores libcurl's code. 0 or -1.

@@ -1,10 +1,15 @@
 #include "worker/job.h"
 
+#include <algorithm>
 #include <cstdarg>
+#include <new>
+#include <thread>
 
 #include "base/text.h"
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
+#include "config/directories.h"
+#include "config/ini.h"
 #include "database/pghelper.h"
 #include "log/logger.h"
 #include "rest/lifecycle.h"
@@ -17,9 +22,7 @@ namespace {
 constexpr const char* SLOT_NAMES[SLOT_COUNT] = {"prepare", "replicate", "processing", "wait", "no_activity"};
 constexpr std::size_t END_TEXT_LENGTH = 7;  // the target reads just "Failed:"
 
-// Tells everybody who must know of a failure.
-void cleanUpAfterFailure(WorkerJob* job) {
-    LOG_HERE(0, "Failed, cleaning up");
+void notifyTarget(WorkerJob* job) {
     LOG_HERE(3, "Notify target");
     job->curlCode = 0;
     const std::string_view text(job->failedStatusText);
@@ -27,27 +30,56 @@ void cleanUpAfterFailure(WorkerJob* job) {
         LOG_HERE(0, "Failed to notify target");
         LOG_HERE(0, "Curl status: %s", curlText(job->curlCode));
     }
+}
+
+// Tells everybody who must know of a failure.
+void cleanUpAfterFailure(WorkerJob* job) {
+    LOG_HERE(0, "Failed, cleaning up");
+    attempt("Failed to notify target", [job] { notifyTarget(job); });
     LOG_HERE(3, "Remove hactar");
-    if (removeHactar(job->backupNo) != 0)
-        LOG_HERE(0, "failed to remove hactar");
+    attempt("failed to remove hactar", [job] {
+        if (removeHactar(job->backupNo) != 0)
+            LOG_HERE(0, "failed to remove hactar");
+    });
     LOG_HERE(3, "Update sds_stats");
-    writeSdsStats(*job, job->failedStatusText);
+    attempt("Failed to update sds_stats table", [job] { writeSdsStats(*job, job->failedStatusText); });
     if (job->outcome == OUTCOME_RETRY)
-        setQueueStatus(*job, REPLICATION_NEEDED);
+        attempt("Failed to update the queue row", [job] { setQueueStatus(*job, REPLICATION_NEEDED); });
+}
+
+// The parts that the target knows of.
+void carryOnTarget(WorkerJob* job) {
+    try {
+        if (transferBackup(job))
+            finishOnTarget(job);
+    } catch (const std::exception& e) {
+        failForException(job, e);
+        if (job->outcome == OUTCOME_DONE)
+            job->outcome = OUTCOME_RETRY;
+    }
 }
 
 }  // namespace
 
-void ProgressRecords::open(ProgressSlot slot, const std::string& target, const std::string& hostName,
-                           const std::string& typeText, std::uint64_t backupNo) {
-    (void)openProgress(target, hostName, SLOT_NAMES[slot], typeText, backupNo, &records_[slot]);  // a courtesy
-    const std::lock_guard guard(lock_);
-    named_[slot] = records_[slot];
+void ProgressRecords::open(ProgressSlot slot, const WorkerJob& job) {
+    OperationProgress filled;
+    if (fillProgress(job.vault, job.hostName, SLOT_NAMES[slot], job.typeText, job.backupNo, &filled) == -1)
+        return;
+    {
+        // Before there is a row, so that the stop thread knows of every row.
+        const std::lock_guard guard(lock_);
+        records_[slot] = std::move(filled);
+    }
+    update(slot);
+}
+
+void ProgressRecords::update(ProgressSlot slot) {
+    (void)updateProgress(&records_[slot]);
 }
 
 void ProgressRecords::close(ProgressSlot slot) {
-    if (records_[slot].isOpen())
-        (void)closeProgress(records_[slot]);  // a courtesy; a row that stays is swept within the hour
+    if (wasOpened(slot))
+        (void)closeProgress(records_[slot]);  // a row that stays is swept within the hour
 }
 
 void ProgressRecords::closeAll() {
@@ -55,12 +87,9 @@ void ProgressRecords::closeAll() {
         close(static_cast<ProgressSlot>(slot));
 }
 
-void ProgressRecords::closeAllFromStopThread() {
+void ProgressRecords::closeAllAtExit(std::chrono::milliseconds limit) {
     const std::lock_guard guard(lock_);
-    for (const OperationProgress& record : named_) {
-        if (record.isOpen())
-            (void)closeProgressWithin(record);
-    }
+    (void)closeProgressAtExit(records_, limit);
 }
 
 void setFailedStatusText(WorkerJob* job, const char* format, ...) {
@@ -109,11 +138,27 @@ void writeSdsStats(const WorkerJob& job, const char* message) {
         LOG_HERE(0, "Failed to update sds_stats table");
 }
 
+int replicationKey(const char* key, int defaultValue) {
+    return ini_get_int("Replication", key, defaultValue, g_master_ini);
+}
+
+void pollPause(int seconds) {
+    constexpr auto LEAST = std::chrono::milliseconds(100);
+    std::this_thread::sleep_for(std::max<std::chrono::milliseconds>(std::chrono::seconds(seconds), LEAST));
+}
+
+void failForException(WorkerJob* job, const std::exception& reason) {
+    const bool memory = dynamic_cast<const std::bad_alloc*>(&reason) != nullptr;
+    LOG_HERE(0, "Backup %lu: the job can't go on: %s", job->backupNo, reason.what());
+    setFailedStatusText(job, "Failed: %s. This replication will now retry.", memory ? "Out of memory" : reason.what());
+    job->replicated = false;
+}
+
 void carryOutJob(WorkerJob* job) {
-    if (prepareJob(job) && transferBackup(job))
-        finishOnTarget(job);
+    if (prepareJob(job))
+        carryOnTarget(job);
     if (job->outcome != OUTCOME_DONE)
         cleanUpAfterFailure(job);
     LOG_HERE(3, "cleanup operation_progress");
-    job->progress.closeAll();
+    attempt("cleanup operation_progress", [job] { job->progress.closeAll(); });
 }

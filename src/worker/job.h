@@ -1,13 +1,16 @@
-// worker_job.h - the state of one job, for the sources of the worker.
+// job.h - the state of one job, for the sources of the worker.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <exception>
 #include <mutex>
 #include <string>
 
 #include "bookkeeping/progress.h"
+#include "log/logger.h"
 
 // The job's progress records, each with its name and role.
 enum ProgressSlot : std::size_t {
@@ -19,22 +22,28 @@ enum ProgressSlot : std::size_t {
     SLOT_COUNT
 };
 
-// The records of a job. The worker's main thread uses them; the stop thread closes what is open when the process ends.
+struct WorkerJob;
+
+// The records of a job, courtesies all: nothing that fails here fails the job. The worker's main thread uses them; the
+// stop thread deletes their rows when the process ends. A record that was ever opened stays so: an update after its end
+// brings its row back.
 class ProgressRecords {
 public:
-    void open(ProgressSlot slot, const std::string& target, const std::string& hostName, const std::string& typeText,
-              std::uint64_t backupNo);
-    [[nodiscard]] OperationProgress& record(ProgressSlot slot) { return records_[slot]; }
+    void open(ProgressSlot slot, const WorkerJob& job);
+    void update(ProgressSlot slot);
+    [[nodiscard]] bool wasOpened(ProgressSlot slot) const { return records_[slot].isOpen(); }
     void close(ProgressSlot slot);
     void closeAll();
 
-    // From the stop thread: deletes the rows while the main thread may hold the connection.
-    void closeAllFromStopThread();
+    // For the send phase, which updates it.
+    [[nodiscard]] OperationProgress* record(ProgressSlot slot) { return &records_[slot]; }
+
+    // From the stop thread, with the job gate closed: deletes the rows while the main thread may hold the connection.
+    void closeAllAtExit(std::chrono::milliseconds limit);
 
 private:
+    std::mutex lock_;  // guards what names a row; the other fields are the main thread's
     std::array<OperationProgress, SLOT_COUNT> records_;
-    std::mutex lock_;                                  // guards named_
-    std::array<OperationProgress, SLOT_COUNT> named_;  // copies that tell which rows there are
 };
 
 // How a job ends.
@@ -58,6 +67,7 @@ struct WorkerJob {
     int curlCode = 0;
 
     int outcome = OUTCOME_DONE;
+    bool replicated = false;  // the target has the backup, and nothing failed
     char failedStatusText[2048] = "";
 
     std::uint64_t presync = 0;   // seconds: hashing, start on the target, waiting for the local job
@@ -67,8 +77,14 @@ struct WorkerJob {
     ProgressRecords progress;
 };
 
-// The whole job, through one of its endings.
+// The whole job, through one of its endings: whatever is thrown on the way, for want of memory, ends it as a failure.
 void carryOutJob(WorkerJob* job);
+
+// A key of section Replication, as master.ini has it at this moment.
+[[nodiscard]] int replicationKey(const char* key, int defaultValue);
+
+// The pause between two looks at the same thing. A period that is no period still leaves the others some time.
+void pollPause(int seconds);
 
 // Status text for the target, the statistics and the operator: "Failed: ..." and the like.
 [[gnu::format(printf, 2, 3)]] void setFailedStatusText(WorkerJob* job, const char* format, ...);
@@ -82,7 +98,20 @@ void checkOnTarget(WorkerJob* job, std::int64_t targetBackupNo);
 void setQueueStatus(const WorkerJob& job, int status);
 void writeSdsStats(const WorkerJob& job, const char* message);
 
-// Steps of the job, each in its source. False: the job is over; its outcome says what is left to do.
+// The status text of a job in which something was thrown.
+void failForException(WorkerJob* job, const std::exception& reason);
+
+// Runs one act of an ending: what it throws must not keep the others from theirs.
+template <typename Act>
+void attempt(const char* what, Act act) {
+    try {
+        act();
+    } catch (const std::exception& e) {
+        LOG_HERE(0, "%s: %s", what, e.what());
+    }
+}
+
+// Parts of the job, each in its source. False: the job is over; its outcome says what is left to do.
 [[nodiscard]] bool prepareJob(WorkerJob* job);      // local check, identity, reservation, hashing
 [[nodiscard]] bool transferBackup(WorkerJob* job);  // start on the target, blocks, final metadata
 void finishOnTarget(WorkerJob* job);                // wait while the target builds, and judge

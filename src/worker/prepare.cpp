@@ -6,8 +6,6 @@
 
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
-#include "config/directories.h"
-#include "config/ini.h"
 #include "config/settings.h"
 #include "database/pghelper.h"
 #include "log/logger.h"
@@ -49,7 +47,7 @@ void openPrepareRecord(WorkerJob* job) {
     char hostName[HOST_NAME_SIZE] = "";
     (void)gethostname(hostName, sizeof hostName - 1);  // the name is for people to read
     job->hostName = hostName;
-    job->progress.open(SLOT_PREPARE, job->vault, job->hostName, job->typeText, job->backupNo);
+    job->progress.open(SLOT_PREPARE, *job);
 }
 
 void askTarget(WorkerJob* job) {
@@ -81,21 +79,22 @@ void identify(WorkerJob* job) {
 }
 
 // Whether the answer lets the job go on.
-bool decide(const WorkerJob& job) {
-    if (job.uuidCheck >= 0 && (job.targetStatus & ST_PRESENT) == 0)
+bool decide(WorkerJob* job) {
+    if (job->uuidCheck >= 0 && (job->targetStatus & ST_PRESENT) == 0)
         return true;
-    if ((job.targetStatus & ST_ON_SYSTEM) != 0) {
+    if ((job->targetStatus & ST_ON_SYSTEM) != 0) {
         LOG_HERE(0, "Backup already on system");
-        (void)clearSyncNeeded(job.backupNo);  // logged; the queue row says that it is done
-        (void)setSyncDone(job.backupNo);
-        setQueueStatus(job, REPLICATION_COMPLETE);
-        LOG_HERE(0, "Finished: backup %ld is %ld on target", static_cast<long>(job.backupNo),
-                 static_cast<long>(job.targetBackupNo));
+        (void)clearSyncNeeded(job->backupNo);  // logged; the queue row says that it is done
+        (void)setSyncDone(job->backupNo);
+        setQueueStatus(*job, REPLICATION_COMPLETE);
+        job->replicated = true;
+        LOG_HERE(0, "Finished: backup %ld is %ld on target", static_cast<long>(job->backupNo),
+                 static_cast<long>(job->targetBackupNo));
         return false;
     }
     LOG_HERE(0, "Failed uuid check, aborting; trying again later");
-    setQueueStatus(job, REPLICATION_NEEDED);
-    g_settings.timeDelay = ini_get_int("Replication", "TimeDelay", RETRY_DELAY, g_master_ini);
+    setQueueStatus(*job, REPLICATION_NEEDED);
+    g_settings.timeDelay = replicationKey("TimeDelay", RETRY_DELAY);
     if (g_settings.timeDelay > 0)
         sleep(static_cast<unsigned>(g_settings.timeDelay));  // holding the slot is what paces the retry
     return false;
@@ -105,6 +104,12 @@ bool decide(const WorkerJob& job) {
 void reserve(const WorkerJob& job) {
     LOG_HERE(3, "Estimated hactar size:%lu", estimateHactarSize(job.backupNo, ESTIMATE_HACTAR_FILE));
     LOG_HERE(0, "Warning: unable to init smgr, proceed without reservation");
+}
+
+// The ending of a job that failed before the target was told of it.
+void giveUpUntold(WorkerJob* job) {
+    attempt("Failed to update sds_stats table", [job] { writeSdsStats(*job, job->failedStatusText); });
+    attempt("Failed to update the queue row", [job] { setQueueStatus(*job, REPLICATION_NEEDED); });
 }
 
 // Waiting for the backup's lock isn't hashing: only the tool's own runs count.
@@ -119,26 +124,35 @@ bool hash(WorkerJob* job) {
         }
         if (result != HASH_LOCKED)
             break;
-        const int interval = ini_get_int("Replication", "CheckInterval", LOCK_WAIT, g_master_ini);
+        const int interval = replicationKey("CheckInterval", LOCK_WAIT);
         LOG_HERE(3, "Backup is locked, waiting:%d", interval);
-        sleep(interval > 0 ? static_cast<unsigned>(interval) : 0);
+        pollPause(interval);
     }
     LOG_HERE(0, "Failed to hash backup");
     setFailedStatusText(job, "Failed: %s", "Failed to hash backup");
-    writeSdsStats(*job, job->failedStatusText);
-    setQueueStatus(*job, REPLICATION_NEEDED);
+    giveUpUntold(job);
     return false;
+}
+
+bool allSteps(WorkerJob* job) {
+    if (!checkLocalBackup(*job))
+        return false;
+    openPrepareRecord(job);
+    identify(job);
+    if (!decide(job))
+        return false;
+    reserve(*job);
+    return hash(job);
 }
 
 }  // namespace
 
 bool prepareJob(WorkerJob* job) {
-    if (!checkLocalBackup(*job))
+    try {
+        return allSteps(job);
+    } catch (const std::exception& e) {
+        failForException(job, e);
+        giveUpUntold(job);
         return false;
-    openPrepareRecord(job);
-    identify(job);
-    if (!decide(*job))
-        return false;
-    reserve(*job);
-    return hash(job);
+    }
 }

@@ -1,6 +1,5 @@
 #include "worker/stop_thread.h"
 
-#include <curl/curl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -12,18 +11,27 @@
 #include <stdexcept>
 
 #include "bandwidth/blockOut.h"
+#include "base/job_gate.h"
+#include "base/run_command.h"
 #include "base/signals.h"
 #include "block/signal_catch.h"
 #include "log/logger.h"
-#include "rest/session.h"
 
 namespace {
 
 constexpr unsigned WATCHDOG_SECONDS = 10;  // a cleanup that hangs is ended by SIGALRM
+constexpr auto PROGRESS_LIMIT = std::chrono::seconds(4);
 constexpr int STOPPED_STATUS = 1;
 
 sigset_t stopSignals() {
     return signalSet({SIGTERM, SIGINT, SIGQUIT});
+}
+
+void armWatchdog() {
+    (void)signal(SIGALRM, SIG_DFL);
+    const sigset_t alarmSet = signalSet({SIGALRM});
+    (void)pthread_sigmask(SIG_UNBLOCK, &alarmSet, nullptr);
+    (void)alarm(WATCHDOG_SECONDS);
 }
 
 }  // namespace
@@ -54,22 +62,22 @@ void StopThread::run() {
         signalfd_siginfo info{};
         if (read(signals_.get(), &info, sizeof info) != sizeof info)
             continue;
+        closeJobGate();
         // 1: hash data is being changed; the signal comes again when that has ended.
         if (noteSignal(static_cast<int>(info.ssi_signo)) == 0)
             stopWorker();
+        openJobGate();
     }
 }
 
+// The gate is closed: the job stands still. Its tools go before anything that might hang. What libcurl holds goes with
+// the process: one of its threads may be anywhere in it.
 void StopThread::stopWorker() {
-    (void)signal(SIGALRM, SIG_DFL);
-    const sigset_t alarmSet = signalSet({SIGALRM});
-    (void)pthread_sigmask(SIG_UNBLOCK, &alarmSet, nullptr);
-    (void)alarm(WATCHDOG_SECONDS);
+    armWatchdog();
     try {
+        endCommands();
         detachBandwidthTable();
-        if (!transferIsRunning())
-            curl_global_cleanup();
-        job_->progress.closeAllFromStopThread();
+        job_->progress.closeAllAtExit(PROGRESS_LIMIT);
     } catch (const std::exception& e) {
         LOG_HERE(0, "Cleaning up failed: %s", e.what());
     }

@@ -1,14 +1,10 @@
 // The middle part of a job: the backup's record on the target, its blocks, its final metadata.
 
-#include <unistd.h>
-
 #include <optional>
 
 #include "bandwidth/blockOut.h"
 #include "bookkeeping/common.h"
 #include "bookkeeping/replicationQueue.h"
-#include "config/directories.h"
-#include "config/ini.h"
 #include "config/settings.h"
 #include "log/logger.h"
 #include "pipeline/send_phase.h"
@@ -81,8 +77,10 @@ bool startOnTarget(WorkerJob* job) {
 }
 
 int sendInChosenPhase(const SendJob& sendJob) {
-    if (ini_get_int("Replication", "ThreadedSendBlocks", THREADED, g_master_ini) == THREADED)
+    if (replicationKey("ThreadedSendBlocks", THREADED) == THREADED) {
+        LOG_HERE(3, "Using threads for send phase; Pipeline feature enabled");
         return sendBlocksThreaded(g_settings, sendJob);
+    }
     LOG_HERE(3, "Using single threaded send phase; Pipeline feature disabled");
     attachBandwidthTable(sendJob.bandwidthTable);
     const int result = sendBlocks(g_settings, sendJob);
@@ -92,11 +90,11 @@ int sendInChosenPhase(const SendJob& sendJob) {
 
 bool sendAllBlocks(WorkerJob* job) {
     const Seconds watch;
-    const SendJob sendJob{job->backupNo, job->vault,         job->targetBackupNo, &job->progress.record(SLOT_REPLICATE),
+    const SendJob sendJob{job->backupNo, job->vault,         job->targetBackupNo, job->progress.record(SLOT_REPLICATE),
                           &g_bytesSent,  job->bandwidthTable};
     const int result = sendInChosenPhase(sendJob);
     job->progress.close(SLOT_REPLICATE);
-    job->progress.open(SLOT_PROCESSING, job->vault, job->hostName, job->typeText, job->backupNo);
+    job->progress.open(SLOT_PROCESSING, *job);
     if (result == 0) {
         job->sync += watch.passed();
         return true;
@@ -127,9 +125,9 @@ bool waitForLocalJob(const WorkerJob& job) {
             LOG_HERE(3, "Local backup is complete and successful, build HaCTAR");
             return true;
         }
-        const int interval = ini_get_int("Replication", "CheckInterval", LOCAL_JOB_POLL, g_master_ini);
+        const int interval = replicationKey("CheckInterval", LOCAL_JOB_POLL);
         LOG_HERE(3, "Backup status is neither JOB_SUCCESS nor JOB_FAILED, check again in %d seconds.", interval);
-        sleep(interval > 0 ? static_cast<unsigned>(interval) : 0);
+        pollPause(interval);
     }
 }
 
@@ -179,7 +177,7 @@ std::int64_t sendInitialMetaInfo(std::uint64_t backupNo, const std::string& vaul
 
 bool transferBackup(WorkerJob* job) {
     job->progress.close(SLOT_PREPARE);
-    job->progress.open(SLOT_REPLICATE, job->vault, job->hostName, job->typeText, job->backupNo);
+    job->progress.open(SLOT_REPLICATE, *job);
     LOG_HERE(3, "Replicating backup: %ld to target: %s", static_cast<long>(job->backupNo), job->vault.c_str());
     return startOnTarget(job) && sendAllBlocks(job) && makeHactar(job) && transferHactar(job);
 }

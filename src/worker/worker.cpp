@@ -24,7 +24,8 @@ namespace {
 constexpr const char* WORKER_LOG = "ferryd-worker";
 constexpr int DEFAULT_INSTANCES = 1;
 
-void runAsWorker(std::uint64_t backupNo, const std::string& vault, int bandwidthTable) {
+// Whether the target has the backup now.
+bool runAsWorker(std::uint64_t backupNo, const std::string& vault, int bandwidthTable) {
     clearWorkers();
     WorkerJob job;
     job.backupNo = backupNo;
@@ -37,15 +38,15 @@ void runAsWorker(std::uint64_t backupNo, const std::string& vault, int bandwidth
             (void)OpenProgramLog(WORKER_LOG, DEFAULT_INSTANCES);  // the log has its own fall-back
         carryOutJob(&job);
     } catch (const std::exception& e) {
-        LOG_HERE(0, "Backup %lu: the job can't go on: %s", backupNo, e.what());
-        setQueueStatus(job, REPLICATION_NEEDED);
-        job.progress.closeAll();
+        LOG_HERE(0, "Backup %lu: the job can't begin: %s", backupNo, e.what());
+        attempt("Failed to update the queue row", [&job] { setQueueStatus(job, REPLICATION_NEEDED); });
     }
+    return job.replicated;
 }
 
 }  // namespace
 
-int runWorker(std::uint64_t backupNo, std::string* vault, bool doFork) {
+int runWorker(std::uint64_t backupNo, std::string* vault, bool doFork, bool* replicated) {
     if (!doFork)
         g_settings.maxConcurrent = 1;
     LOG_HERE(3, "vault:%s fork:%d", vault->c_str(), doFork ? 1 : 0);
@@ -65,7 +66,9 @@ int runWorker(std::uint64_t backupNo, std::string* vault, bool doFork) {
     const int bandwidthTable = getBandwidthTableId();
     if (!doFork) {
         LOG_HERE(3, "Skiping worker fork, traverseing child path");
-        runAsWorker(backupNo, *vault, bandwidthTable);
+        const bool done = runAsWorker(backupNo, *vault, bandwidthTable);
+        if (replicated != nullptr)
+            *replicated = done;
         return WORKER_DONE;
     }
     pid_t pid = 0;
@@ -80,7 +83,7 @@ int runWorker(std::uint64_t backupNo, std::string* vault, bool doFork) {
             addWorker({pid, static_cast<std::uint32_t>(backupNo), *vault});
             return WORKER_FORKED;
         }
-        runAsWorker(backupNo, *vault, bandwidthTable);
+        (void)runAsWorker(backupNo, *vault, bandwidthTable);  // the row tells
     }
     return WORKER_DONE;
 }

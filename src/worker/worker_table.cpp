@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <thread>
 #include <vector>
 
 #include "base/signals.h"
@@ -38,6 +39,15 @@ void removeWorker(pid_t pid) {
         g_workerTable.erase(entry);
 }
 
+// The pid of a backup's worker, 0 for none.
+pid_t workerOf(std::uint32_t backupNo, const std::string& vault) {
+    const ChildSignalBlocked guard;
+    const auto entry = std::find_if(g_workerTable.begin(), g_workerTable.end(), [&](const WorkerEntry& worker) {
+        return worker.backup_no == backupNo && worker.vault == vault;
+    });
+    return entry == g_workerTable.end() ? 0 : entry->pid;
+}
+
 }  // namespace
 
 void addWorker(const WorkerEntry& entry) {
@@ -60,15 +70,17 @@ void reapWorkers() {
         removeWorker(pid);
 }
 
-void interruptWorker(std::uint32_t backupNo, const std::string& vault) {
-    const ChildSignalBlocked guard;
-    const auto entry = std::find_if(g_workerTable.begin(), g_workerTable.end(), [&](const WorkerEntry& worker) {
-        return worker.backup_no == backupNo && worker.vault == vault;
-    });
-    if (entry == g_workerTable.end())
-        return;
-    sendSignal(entry->pid, SIGINT);
-    g_workerTable.erase(entry);
+bool interruptWorker(std::uint32_t backupNo, const std::string& vault, std::chrono::milliseconds patience) {
+    const pid_t pid = workerOf(backupNo, vault);
+    sendSignal(pid, SIGINT);
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (pid > 1 && waitpid(pid, nullptr, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    removeWorker(pid);
+    return true;
 }
 
 void killWorkers() {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -21,8 +22,9 @@ void clearWorkers();
 // Takes finished children out of the table. Their exit statuses don't matter: a worker writes its own result.
 void reapWorkers();
 
-// Sends SIGINT to the worker of a backup and forgets it; its end is reaped later without an entry.
-void interruptWorker(std::uint32_t backupNo, const std::string& vault);
+// Sends SIGINT to the worker of a backup and waits for its end, so that what comes next finds nothing of it at work.
+// True if it has ended, and left the table, or there is none.
+bool interruptWorker(std::uint32_t backupNo, const std::string& vault, std::chrono::milliseconds patience);
 
 // Sends SIGTERM to every worker and doesn't wait.
 void killWorkers();

@@ -27,12 +27,12 @@ protected:
     }
 
     // A child that waits for a signal, in the table as the worker of a backup. One that gets none ends by SIGALRM.
-    pid_t worker(std::uint32_t backupNo, const std::string& vault) {
+    pid_t worker(std::uint32_t backupNo, const std::string& vault, void (*atInterrupt)(int) = SIG_DFL) {
         const BlockedSignals blocked(
             signalSet({SIGINT}));  // until the child takes it: a job in the background ignores it
         const pid_t child = fork();
         if (child == 0) {
-            (void)signal(SIGINT, SIG_DFL);
+            (void)signal(SIGINT, atInterrupt);
             (void)alarm(60);
             const sigset_t none = signalSet({});
             for (;;)
@@ -41,14 +41,6 @@ protected:
         children_.push_back(child);
         addWorker({child, backupNo, vault});
         return child;
-    }
-    // The signal that ended a child, 0 if it still runs.
-    int ended(pid_t child, bool wait) {
-        int status = 0;
-        if (waitpid(child, &status, wait ? 0 : WNOHANG) != child)
-            return 0;
-        std::erase(children_, child);
-        return WIFSIGNALED(status) ? WTERMSIG(status) : -1;
     }
 
 private:
@@ -71,8 +63,8 @@ TEST_F(Terminate, RowIsEndedHereAndOnTheTarget) {
     g_settings.maxConcurrent = 0;  // still one row a pass
     handleTerminatedOperations();
     EXPECT_EQ(queueRow(7) + " " + queueRow(8), "8 32");
-    EXPECT_EQ(ended(own, true), SIGINT);
-    EXPECT_EQ(ended(sameBackup, false) + ended(sameTarget, false), 0);
+    EXPECT_FALSE(isAlive(own)) << "it is waited for";
+    EXPECT_TRUE(isAlive(sameBackup) && isAlive(sameTarget));
     EXPECT_EQ(workerCount(), 2);
     EXPECT_FALSE(fs::exists(disk / "hactar_7"));
     const Request said = target.request("end-backup");
@@ -84,6 +76,16 @@ TEST_F(Terminate, RowIsEndedHereAndOnTheTarget) {
     EXPECT_EQ(target.request("end-backup").header("X-BackupUUID"), "tempUUID");
     handleTerminatedOperations();
     EXPECT_EQ(target.count("end-backup"), 2);
+}
+
+TEST_F(Terminate, WorkerThatTakesLongStaysInTheTable) {
+    const pid_t slow = worker(7, "vault", SIG_IGN);
+    EXPECT_FALSE(interruptWorker(7, "vault", std::chrono::milliseconds(50)));
+    EXPECT_EQ(workerCount(), 1);
+    EXPECT_EQ(kill(slow, SIGKILL), 0);
+    EXPECT_TRUE(interruptWorker(7, "vault", std::chrono::seconds(20)));
+    EXPECT_EQ(workerCount(), 0);
+    EXPECT_TRUE(interruptWorker(7, "vault", std::chrono::seconds(20))) << "there is none";
 }
 
 TEST_F(Terminate, DeadTargetDoesntKeepTheRow) {

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -26,6 +28,24 @@
 #include "worker/worker_table.h"
 
 namespace testsupport {
+
+// Waits on a condition; false at the deadline.
+inline bool comesTrue(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// Whether a process still does something; one that nobody has reaped yet doesn't.
+inline bool isAlive(int pid) {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    return !stat.empty() && stat.find(") Z ") == std::string::npos;
+}
 
 inline constexpr const char* INSTANCE_UUID = "0a1b2c3d-0000-4000-8000-00000000000a";
 
@@ -113,8 +133,8 @@ public:
     // unknown backup, '!' a negative answer, '-' the end of the connection without a word, 'x' a "present" cut off at
     // its end.
     std::string checks = "u";
-    std::string start = ok("77");                    // the reply to start-backup
-    std::function<void()> beforeCheck, beforeStart;  // called in its thread
+    std::string start = ok("77");                                 // the reply to start-backup
+    std::function<void(const std::string& request)> before = {};  // called in its thread, before it answers
 
     // What was asked, in order: the last part of the path, "f" for a file.
     [[nodiscard]] std::vector<std::string> requests() {
@@ -168,9 +188,8 @@ private:
         if (!peer.readRequest())
             return;
         const std::string name = nameOf(peer.request());
-        const std::function<void()>& before = name == "backup-check" ? beforeCheck : beforeStart;
-        if (before && (name == "backup-check" || name == "start-backup"))
-            before();
+        if (before)
+            before(name);
         (void)peer.send(name == "backup-check" ? checkReply() : name == "start-backup" ? start : ok(""));
     }
 

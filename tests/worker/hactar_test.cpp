@@ -54,6 +54,21 @@ TEST_F(Hactar, WaysInWhichAToolEnds) {
     EXPECT_EQ(createHactar(7), -1);
 }
 
+TEST_F(Hactar, NoTwoToolsWorkOnTheFileOfOneBackup) {
+    // The first one returns at once and leaves a process behind, as a worker does that was killed.
+    tool("recipe",
+         "echo \"$2\" >>\"$0.calls\"; [ $(wc -l <\"$0.calls\") = 1 ] || exit 0\n"
+         "( while [ -e \"$0\" ] && [ ! -e \"$0.go\" ]; do sleep 0.02; done; echo end >>\"$0.calls\" ) &");
+    EXPECT_EQ(createHactar(7), 0);
+    std::thread second([] { EXPECT_EQ(createHactar(7), 0); });
+    EXPECT_EQ(createHactar(8), 0) << "another backup's file is another matter";
+    EXPECT_TRUE(
+        comesTrue([this] { return root.logged("of backup 7 is still being made by an earlier run, waiting"); }));
+    writeFile(root / "usr/dq/bin/recipe.go", "");
+    second.join();
+    EXPECT_EQ(readFile(root / "usr/dq/bin/recipe.calls"), "7\n8\nend\n7\n");
+}
+
 TEST_F(Hactar, ToolsAreFoundBehindABlankInThePath) {
     backup(7, 2, 1000, "properties = 0");
     fs::create_directories(root / "usr/a b; exit 5");

@@ -4,6 +4,7 @@
 
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
+#include "support/limited_memory.h"
 #include "worker/job.h"
 #include "worker/worker.h"
 
@@ -194,8 +195,8 @@ TEST_F(Worker, VerdictOfTheTarget) {
 
 TEST_F(Worker, HactarThatStaysMakesAFailureOfASuccess) {
     target.checks = "up";
-    target.beforeCheck = [this] {
-        if (fs::remove(disk / "hactar_7"))
+    target.before = [this](const std::string& request) {
+        if (request == "backup-check" && fs::remove(disk / "hactar_7"))
             fs::create_directory(disk / "hactar_7");  // which unlink refuses
     };
     EXPECT_EQ(carryOut(), "1/2");
@@ -226,10 +227,66 @@ TEST_F(Worker, FinalMetadataThatCantBeMadeOrSent) {
 
     // A local job that fails while the blocks are on their way is told in the same words as the first.
     fs::remove(root / "usr/dq/bin/recipe.called");
-    target.beforeStart = [this] { catalogue.sql("UPDATE dq.backups SET status = 4160"); };
+    target.before = [this](const std::string& request) {
+        if (request == "start-backup")
+            catalogue.sql("UPDATE dq.backups SET status = 4160");
+    };
     EXPECT_EQ(carryOut(), "1/1");
     EXPECT_EQ(messages(), unmade);
     EXPECT_FALSE(fs::exists(root / "usr/dq/bin/recipe.called"));
+}
+
+TEST_F(Worker, ProgressRowsTellThePhase) {
+    quickly("CheckTimeout=-1");
+    std::string seen;
+    target.before = [&](const std::string& request) {
+        seen += request + ":" +
+                catalogue.rows(
+                    "SELECT name_value FROM dq.operation_progress NATURAL JOIN "
+                    "dq.operation_names ORDER BY 1") +
+                " ";
+    };
+    target.checks = "ubbp";
+    EXPECT_EQ(carryOut(), "2/2");
+    EXPECT_EQ(seen,
+              "backup-check:prepare start-backup:replicate post-check-offset:replicate f:processing "
+              "backup-check:wait backup-check:no_activity backup-check:no_activity ");
+}
+
+TEST_F(Worker, TimesAreAddedUp) {
+    tool("recipe", "sleep 1.1; echo metadata >'" + disk.string() + "'/hactar_$2");
+    target.checks = "up";
+    EXPECT_EQ(carryOut(), "2/2");
+    const std::string sum = catalogue.value("SELECT presync_seconds + sync_seconds FROM dq.sds_stats");
+    EXPECT_GE(std::stoi(sum), 1);
+    EXPECT_EQ(target.request("f").header("X-ElapsedTime"), sum);
+    // The slot is kept for a while after a check that failed: that paces the retries.
+    root.masterIni("[Replication]\nTimeDelay=1\n");
+    target.checks = "-";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(carryOut(), "1/1");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(Worker, MemoryThatCantBeHadStillEndsTheJobProperly) {
+    // Values that are larger than any piece of memory that can be had: for the export, and when the job begins.
+    const std::pair<const char*, bool> cases[] = {
+        {"INSERT INTO dq.application_properties VALUES (2, 'key', repeat('x', 1000000))", true},
+        {"UPDATE dq.nodes SET node_name = repeat('x', 1000000)", false},
+    };
+    for (const auto& [value, told] : cases) {
+        SCOPED_TRACE(value);
+        catalogue.sql(value);
+        const long ended = target.count("end-backup");
+        writeFile(disk / "hactar_7", "left by an earlier attempt");
+        g_largestPiece = 900000;
+        const std::string ends = carryOut();
+        g_largestPiece = SIZE_MAX;
+        EXPECT_EQ(ends, "1/1");
+        EXPECT_EQ(messages(), "Failed: Out of memory. This replication will now retry.");
+        EXPECT_EQ(target.count("end-backup") - ended, told ? 1 : 0);
+        EXPECT_NE(fs::exists(disk / "hactar_7"), told);
+    }
 }
 
 TEST_F(Worker, StatusTextThatIsTooLongIsReplaced) {
