@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -64,7 +65,7 @@ bool loadIsTooHigh() {
 
 // Starts workers in the free slots. True in a worker whose job is done.
 bool startWorkers() {
-    const int free = g_settings.maxConcurrent - workerCount();
+    const int free = std::max(g_settings.maxConcurrent, 0) - workerCount();
     LOG_HERE(3, "Starting %d workers\n", free);
     for (int i = 0; i < free; ++i) {
         std::string target = g_settings.targetName;  // the pick puts the row's own name over it
@@ -74,10 +75,15 @@ bool startWorkers() {
     return false;
 }
 
-// The loop. True in a worker whose job is done, false in the parent at its stop.
+// The loop. True in a worker whose job is done, false in the parent at its stop. Rows of workers that are gone block
+// their instances, and nobody but the start of the daemon puts them back: as long as that hasn't worked, with a
+// database that comes up later, nothing is picked, since afterwards the rows of our own workers could not be told from
+// them.
 bool loop() {
+    bool rowsAreReset = false;
     while (!stopRequested()) {
         reapIfChildEnded();
+        rowsAreReset = rowsAreReset || reset_active_rq() == 0;
         LOG_HERE(3, "Reading master.ini");
         readConfiguration();
         LOG_HERE(3, "Updating replication_queue");
@@ -85,7 +91,7 @@ bool loop() {
         LOG_HERE(3, "Handling terminated operations");
         handleTerminatedOperations();
         if (!loadIsTooHigh()) {
-            if (startWorkers())
+            if (rowsAreReset && startWorkers())
                 return true;
             (void)fflush(stdout);
             (void)fflush(stderr);
@@ -111,11 +117,7 @@ void cleanup() {
     curl_global_cleanup();
     LOG_HERE(0, "Clear pid file");
     clearPidFile();
-}
-
-void useLocale() {
-    (void)setlocale(LC_NUMERIC, "C");  // numbers in statements and files don't follow the user's language
-    tzset();
+    releaseInstanceLock();
 }
 
 // The two ways to find the configuration and a log.
@@ -125,13 +127,15 @@ int startUp(const char* argv0) {
         if (init_globals(ghAppName.c_str(), "dq.ini", systemPath(paths::INSTALL_DIR).c_str()) == -1)
             fprintf(stderr, "%s[%s,%d]: init_globals() failed\n", ghAppName.c_str(), __FILE__, __LINE__);
         (void)log_stream(stderr);
+        (void)setlocale(LC_ALL, "");
+        (void)setlocale(LC_NUMERIC, "C");  // numbers in statements and files don't follow the user's language
+        tzset();
     } else {
         if (init_application() == -1)
             return -1;
         (void)push_name(ghAppName.c_str());
         (void)OpenProgramLog(ghAppName.c_str(), DEFAULT_INSTANCES);  // the log has its own fall-back
     }
-    useLocale();
     return 0;
 }
 
@@ -163,9 +167,13 @@ int runDaemon(int argc, char** argv) {
     } else {
         closeStandardInput();
     }
+    if (takeInstanceLock() == -1) {
+        if (g_mode.daemonize)
+            clearPidFile();
+        return 0;
+    }
     if (createBandwidthTable() == -1)
         LOG_HERE(0, "Can't create shared bandwidth table.\n  All processes will use default bandwidth\n");
-    (void)reset_active_rq();  // logged; rows that stay active wait for the next start
     const bool isWorker = loop();
     if (!isWorker) {
         LOG_HERE(0, "cleanup signal caught");

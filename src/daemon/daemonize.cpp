@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "base/file_descriptor.h"
@@ -26,7 +27,8 @@ constexpr std::size_t PATH_SIZE = 256;
 constexpr mode_t PID_FILE_MODE = 0644;
 
 std::string g_pidFile;
-FileDescriptor g_pidLock;  // held for the life of the process, and by its workers
+FileDescriptor g_pidLock;       // held for the life of the process, and by its workers
+FileDescriptor g_instanceLock;  // likewise
 
 void reopenStandardStreams() {
     // /dev/null can be opened wherever a program runs; a stream that is lost takes nothing with it.
@@ -115,4 +117,22 @@ void clearPidFile() {
         LOG_HERE(0, "Failed to remove pid file");
         LOG_HERE(0, "errno:%s", strerror(errno));
     }
+}
+
+int takeInstanceLock() {
+    const std::filesystem::path path = systemPath(paths::RUN_DIR) + "/" + ghAppName + ".lock";
+    std::error_code ignored;  // the file can't be opened then
+    std::filesystem::create_directories(path.parent_path(), ignored);
+    g_instanceLock.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PID_FILE_MODE));
+    if (flock(g_instanceLock.get(), LOCK_EX | LOCK_NB) == 0)
+        return 0;
+    if (errno == EWOULDBLOCK)
+        LOG_HERE(0, "Another %s is running here, or workers of one that was killed", ghAppName.c_str());
+    else
+        LOG_HERE(0, "failed to lock %s: %s.", path.c_str(), strerror(errno));
+    return -1;
+}
+
+void releaseInstanceLock() {
+    (void)flock(g_instanceLock.get(), LOCK_UN);  // workers that are on their way out hold the same lock
 }

@@ -7,3 +7,10 @@
 
 // Removes the pid file that daemonize took. Without one there is nothing to remove, which is logged.
 void clearPidFile();
+
+// Keeps a second daemon of this program's name out, whether it detaches or not, by the lock on a file of its own beside
+// the pid file, which stays. Workers share the lock: after a daemon that was killed no other starts while one of its
+// workers is still at work, for it would hand that worker's row out again. 0 or -1 (logged).
+[[nodiscard]] int takeInstanceLock();
+// For a stop in order, which lets the next daemon start while the workers end.
+void releaseInstanceLock();

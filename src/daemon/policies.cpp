@@ -1,5 +1,6 @@
 #include "daemon/policies.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,22 +16,22 @@ const std::string& target() {
     return g_settings.targetName;
 }
 
-// Whether a newer backup of the instance is in the queue: the target takes an instance's backups in order only.
-// 1 yes, 0 no, -1 failure.
-int hasNewerInQueue(std::uint64_t backupNo) {
+// Whether a newer backup of the instance is in the queue: the target takes an instance's backups in order only. A
+// failure counts as yes.
+bool hasNewerInQueue(std::uint64_t backupNo) {
     Statement<4096> statement;
     if (statement.build(
             "SELECT q.backup_no FROM dq.replication_queue q JOIN dq.backups b ON (q.backup_no=b.backup_no) "
             "WHERE q.backup_no>%ld AND q.vault = '%s' AND b.instance_id=(SELECT instance_id FROM dq.backups "
             "WHERE backup_no=%ld)",
             static_cast<long>(backupNo), target().c_str(), static_cast<long>(backupNo)) == -1)
-        return -1;
+        return true;
     const PgResultPtr rows = pgExec(statement.text());
     if (pgStatus(rows.get()) == -1) {
         LOG_HERE(0, "Failed query\n");
-        return -1;
+        return true;
     }
-    return pgTuples(rows.get()) > 0 ? 1 : 0;
+    return pgTuples(rows.get()) > 0;
 }
 
 void fifoConsider(std::uint64_t backupNo) {
@@ -44,7 +45,7 @@ void fifoConsider(std::uint64_t backupNo) {
     if (status != 0)
         return;
     LOG_HERE(3, "Backup:%ld not in queue", static_cast<long>(backupNo));
-    if (hasNewerInQueue(backupNo) != 0) {
+    if (hasNewerInQueue(backupNo)) {
         LOG_HERE(0, "fifoEnqueue: Attempt was made to add backup %ld to the queue out of order.\n",
                  static_cast<long>(backupNo));
         (void)clearSyncNeeded(backupNo);
@@ -70,9 +71,8 @@ int instancesByPriority(std::vector<std::uint64_t>* instances) {
 }
 
 // The newest backup of the instance that began before what is being built, if it waits for replication. Asked for every
-// instance on every pass, so the statement is prepared.
-// 1 and *backupNo, 0 for none, -1 on failure.
-int newestCandidate(std::uint64_t instance, std::uint64_t* backupNo) {
+// instance on every pass, so the statement is prepared. Stores it, or nothing; -1 on failure.
+int newestCandidate(std::uint64_t instance, std::optional<std::uint64_t>* backupNo) {
     static_assert(ST_BUILDING == 512);  // stands in the text, where an index on what is being built can serve it
     const PgResultPtr rows = pgQuery(
         "SELECT backup_no,sync_status FROM dq.backups WHERE CASE WHEN (SELECT start_time FROM dq.backups WHERE "
@@ -91,8 +91,8 @@ int newestCandidate(std::uint64_t instance, std::uint64_t* backupNo) {
     if (sync != ST_SYNC_NEEDED)
         return 0;
     *backupNo = pgUVal(rows.get(), 0, "backup_no");
-    LOG_HERE(3, "Backup:%ld", static_cast<long>(*backupNo));
-    return 1;
+    LOG_HERE(3, "Backup:%ld", static_cast<long>(**backupNo));
+    return 0;
 }
 
 // Whether an early-sync backup of the instance, no newer than this one, still runs and waits. A failure counts as yes.
@@ -122,14 +122,14 @@ bool isEarlySyncMaster(std::uint64_t backupNo) {
 
 int lifoConsider(std::uint64_t instance) {
     LOG_HERE(3, "Instance: %lu", instance);
-    std::uint64_t candidate = 0;
-    const int found = newestCandidate(instance, &candidate);
-    if (found == -1) {
+    std::optional<std::uint64_t> newest;
+    if (newestCandidate(instance, &newest) == -1) {
         LOG_HERE(0, "Failed to get backups");
         return -1;
     }
-    if (found == 0)
+    if (!newest)
         return 0;
+    const std::uint64_t candidate = *newest;
     if (status_rq(candidate, target()) == 0 && (!earlySyncIsRunning(candidate) || isEarlySyncMaster(candidate))) {
         LOG_HERE(3, "lifo enqueue: %lu\n", candidate);
         (void)enqueue_rq(candidate, target());

@@ -43,6 +43,10 @@ TEST_F(Daemon, DetachesHoldsItsPidFileAndStopsInOrder) {
     }));
     EXPECT_EQ(daemonPid(), pid);
     EXPECT_EQ(kill(pid, 0), 0);
+    // In the foreground too, where it would put the rows of the first one's workers back.
+    EXPECT_EQ(lab().source().run({"/usr/bin/timeout", "20", ferryd(), "-d"}), 0);
+    EXPECT_NE(lab().source().log("ferryd").find("Another ferryd is running here"), std::string::npos);
+    EXPECT_EQ(daemonPid(), pid);
 
     const std::uint64_t backup = lab().ingest(data(21, 1));
     EXPECT_TRUE(reaches(backup, REPLICATION_COMPLETE));
@@ -67,6 +71,54 @@ TEST_F(Daemon, StopLeavesTheWorkersRowForTheNextStart) {
     release("fileDedup");
     lab().startDaemon();
     EXPECT_TRUE(reaches(backup, REPLICATION_COMPLETE));
+}
+
+TEST_F(Daemon, WorkersEndIsSeenAtOnceAndSoIsASignal) {
+    lab().setReplication("TimeDelay", "300");
+    lab().setReplication("MaxConcurrent", "2");
+    lab().startVault();
+    hold("fileDedup");
+    std::uint64_t backup = 0;
+    for (const char* const client : {"one", "two", "three", "four"})
+        backup = lab().ingest(data(25, 1), 1, {"--client", client});
+    lab().startDaemon();
+    EXPECT_TRUE(eventually([&] {
+        return lab().source().value("SELECT count(DISTINCT pid_to_kill) FROM operation_progress") == "2";
+    })) << "two workers at once";
+    release("fileDedup");
+    EXPECT_TRUE(reaches(backup, REPLICATION_COMPLETE)) << "a worker that ended makes room";
+    EXPECT_TRUE(eventually([&] { return lab().source().value("SELECT sum(status) FROM replication_queue") == "8"; }));
+    kill(lab().daemonProcess().pid(), SIGTERM);
+    EXPECT_EQ(lab().daemonProcess().wait(LIMIT), 0);
+}
+
+TEST_F(Daemon, DatabaseThatComesUpLaterStillGetsItsActiveRowsBack) {
+    lab().startVault();
+    const std::uint64_t backup = lab().ingest(data(26, 1));
+    lab().source().sql("INSERT INTO replication_queue (backup_no, vault, status) VALUES (" + std::to_string(backup) +
+                       ", '" + lab().vaultName() + "', 16)");
+    lab().source().cluster().stop();
+    lab().startDaemon();
+    EXPECT_TRUE(eventually([&] { return lab().source().log("ferryd").find("Tried connecting") != std::string::npos; }));
+    lab().source().cluster().start();
+    EXPECT_TRUE(reaches(backup, REPLICATION_COMPLETE));
+}
+
+TEST_F(Daemon, HighLoadOnlyKeepsWorkersFromStartingAndTheAttachedModeLogsToStandardError) {
+    const std::uint64_t backup = lab().ingest(data(27, 1));
+    lab::Process attached = lab().source().start({ferryd(), "-a", "-d", "-l", "0.000001"}, "attached");
+    EXPECT_TRUE(reaches(backup, REPLICATION_NEEDED));
+    const fs::path output = lab().source().root() / "tmp/attached";
+    const auto logged = [&](const char* text) {
+        std::ifstream file(output);
+        return std::string(std::istreambuf_iterator<char>(file), {}).find(text) != std::string::npos;
+    };
+    EXPECT_TRUE(eventually([&] { return logged("...too high. Waiting 1 seconds."); }));
+    attached.signal(SIGTERM);
+    EXPECT_EQ(attached.wait(LIMIT), 0);
+    EXPECT_TRUE(logged("Clear pid file"));
+    EXPECT_FALSE(logged("Starting "));
+    EXPECT_EQ(lab().queueStatus(backup), REPLICATION_NEEDED);
 }
 
 TEST_F(Daemon, ChangedSettingsTakeEffectWithoutARestart) {
@@ -102,30 +154,16 @@ TEST_F(Daemon, BinaryJunkForSettingsIsDefaults) {
     EXPECT_TRUE(reaches(backup, REPLICATION_COMPLETE));
 }
 
-TEST_F(Daemon, CommandLineIsRefusedInOrder) {
-    const struct {
-        const char* what;
-        std::string arguments;
-        int status;
-        const char* output;
-    } cases[] = {
-        {"unknown option", "-x", 1, "Usage: \n"},
-        {"target name of 65 bytes", "-d -v " + std::string(65, 'v'), 255, ""},
-        {"no command", "util", 0, "Usage:\nferryd util <command> [args]\n\tcreatequeue\n"},
-        {"too few arguments", "util enqueue 5", 0, "Usage:\nferryd util <command> [args]\n\tcreatequeue\n"},
-        {"unknown command", "util nonsense", 0, ""},
-        {"command of the usage alone", "util cancel-ubi vault ubi", 0, ""},
-        {"empty queue", "util peek 0", 0, "0"},
-        {"number that is none", "util count 12x", 1, "ferryd util: '12x' is not a number\n"},
-        {"3tuple that is none", "util block c-sha512-1-00", 1, "ferryd util: 'c-sha512-1-00' is not a 3tuple\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+TEST_F(Daemon, CommandLineIsRefused) {
+    const auto ends = [this](const std::string& arguments, const std::string& expected) {
         std::string output;
-        EXPECT_EQ(lab().source().run({"/bin/sh", "-c", ferryd() + " " + c.arguments}, &output), c.status);
-        EXPECT_EQ(output.substr(0, std::string(c.output).size()), c.output);
-        EXPECT_TRUE(*c.output != '\0' || output.empty()) << output;
-    }
+        const int status = lab().source().run({"/bin/sh", "-c", ferryd() + arguments}, &output);
+        EXPECT_EQ(output, expected);
+        return status;
+    };
+    EXPECT_EQ(ends(" -x", "Usage: \n"), 1);
+    EXPECT_EQ(ends(" -d -v " + std::string(65, 'v'), ""), 255);
+    EXPECT_EQ(ends(" util peek 0", "0"), 0);
 }
 
 }  // namespace
