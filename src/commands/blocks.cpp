@@ -26,7 +26,6 @@ constexpr int FAILED = 1;
 constexpr std::size_t FETCH = 25;             // blocks at a time
 constexpr std::uint64_t READ_SIZE = 1 << 20;  // bytes at a time
 constexpr int DISTINCT = 1;
-constexpr std::uint64_t OUTPUT_LIMIT = 1 << 20;  // bytes of a folded hash
 
 bool tupleArgument(const char* text, hashValue* record) {
     if (tuple3ToHashValue(text, record) == 0)
@@ -174,12 +173,14 @@ int utilTupleHash(Arguments arguments) {
     if (!tupleArgument(arguments[0], &record) || !numberArgument(arguments[1], &offset) ||
         !numberArgument(arguments[2], &length))
         return FAILED;
-    if (length > OUTPUT_LIMIT) {
+    std::vector<std::uint8_t> folded;
+    try {
+        folded.resize(length);
+    } catch (const std::exception&) {
         LOG_HERE(0, "Failed to allocate enough memory for output value");
-        fprintf(stderr, "ferryd util: the output is limited to %lu bytes\n", OUTPUT_LIMIT);
+        fprintf(stderr, "ferryd util: there is no memory for an output of %lu bytes\n", length);
         return FAILED;
     }
-    std::vector<std::uint8_t> folded(length);
     foldHashValue(record, {offset_in, 0, static_cast<std::int64_t>(offset)}, folded);
     for (const std::uint8_t byte : folded)
         printf("%02X", byte);

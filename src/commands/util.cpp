@@ -1,7 +1,6 @@
 #include "commands/util.h"
 
 #include <cerrno>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,7 +36,7 @@ struct Command {
     int step = 1;  // between the numbers that are allowed
 };
 
-constexpr const char* FIX_PAUSED_TEXT = "For an instance that is paused resolve the issue causing it to be paused.";
+static_assert(REPLICATION_OUT_OF_ORDER == 128 && REPLICATION_NEED_ASSIST == 64);  // both stand in the usage
 
 // In the order of the usage. One is in the usage only and does nothing.
 constexpr Command COMMANDS[] = {
@@ -74,7 +73,17 @@ constexpr Command COMMANDS[] = {
      "This hash is used for vaultServer locking when forking is enabled",
      3, 3, utilTupleHash},
     {"start-backup", " <vault> <backup_no>", "Initiates the first step of a replication", 2, 2, utilStartBackup},
-    {"fix-paused-instance", " <vault> <backup_no>", FIX_PAUSED_TEXT, 2, 2, utilFixPausedInstance},
+    {"fix-paused-instance", " <vault> <backup_no>",
+     "For an instance that is paused resolve the issue causing it to be paused.\n"
+     "REPLICATION_OUT_OF_ORDER (128):\n"
+     "Initiates the first step of a replication to resolve a failure from an out of order backup.\n"
+     "WARNING: This will cause backups on target to be marked FAILED and deletes out of order\n"
+     "backups on the replication_queue.  The replication_queue status for <backup_no> will be\n"
+     "set to REPLICATION_NEEDED when complete.  Target must have \"allowCleanupOutOfOrderBackups\"\n"
+     "set to True in the \"Replication\" section of the master.ini file to allow cleanup.\n"
+     "REPLICATION_NEED_ASSIST (64):\n"
+     "TBD - not implemented.",
+     2, 2, utilFixPausedInstance},
     {"post-check", "", nullptr, 2, ANY_NUMBER, utilPostCheck},
     {"post-check-offset", " <vault> <target backup_no> <3tuple> <offset> <3tuple> <offset> ...",
      "Asks the target about a set of blocks. For each block, a reference is made on the target.", 4, ANY_NUMBER,
@@ -108,17 +117,6 @@ void printUsage() {
             continue;
         printf("\t%s%s\n", command.name, command.arguments);
         printIndented(command.text);
-        if (command.text != FIX_PAUSED_TEXT)
-            continue;
-        printf("\t\tREPLICATION_OUT_OF_ORDER (%d):\n", REPLICATION_OUT_OF_ORDER);
-        printIndented(
-            "Initiates the first step of a replication to resolve a failure from an out of order backup.\n"
-            "WARNING: This will cause backups on target to be marked FAILED and deletes out of order\n"
-            "backups on the replication_queue.  The replication_queue status for <backup_no> will be\n"
-            "set to REPLICATION_NEEDED when complete.  Target must have \"allowCleanupOutOfOrderBackups\"\n"
-            "set to True in the \"Replication\" section of the master.ini file to allow cleanup.");
-        printf("\t\tREPLICATION_NEED_ASSIST (%d):\n", REPLICATION_NEED_ASSIST);
-        printIndented("TBD - not implemented.");
     }
 }
 
@@ -155,7 +153,6 @@ int runUtility(int argc, char** argv) {
     set_program_name(argv[0]);
     if (init_application() == -1)
         return 1;
-    (void)setlocale(LC_NUMERIC, "C");
     closeStandardInput();
     (void)OpenProgramLog(LOG_NAME, DEFAULT_INSTANCES);  // the log has its own fall-back
     LOG_HERE(2, "Entering utility mode\n");

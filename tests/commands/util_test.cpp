@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 
 #include "base/run_command.h"
 #include "bookkeeping/replicationQueue.h"
@@ -18,14 +17,15 @@ namespace fs = std::filesystem;
 
 class Util : public DaemonTest {
 protected:
+    // The built program, which lies beside this one.
+    const std::string ferryd = shellQuoted((fs::read_symlink("/proc/self/exe").parent_path() / "ferryd").string());
+
     Util() { root.masterIni("[LogRetentionInstances]\ndefault=50\n"); }  // each command keeps its log
 
-    // The built program, which lies beside this one.
     int run(const std::string& arguments, std::string* output = nullptr) {
-        const fs::path ferryd = fs::read_symlink("/proc/self/exe").parent_path() / "ferryd";
         const fs::path captured = root / "output";
         setenv("FERRYD_ROOT", root.path().c_str(), 1);
-        const int status = runCommand("exec " + shellQuoted(ferryd.string()) + " util " + arguments +
+        const int status = runCommand("exec " + ferryd + " util " + arguments +
                                       (output == nullptr ? "" : " >" + shellQuoted(captured.string())));
         unsetenv("FERRYD_ROOT");
         if (output != nullptr)
@@ -54,48 +54,20 @@ TEST_F(Util, UsageIsPrintedWheneverTheArgumentsDontFit) {
     EXPECT_EQ(output("Peek 0") + output("cancel-ubi vault ubi"), "");
 }
 
-// Every command that takes something: n a number, v a target, t a 3tuple, u an identity.
-constexpr std::pair<const char*, const char*> SHAPES[] = {{"enqueue", "nv"},
-                                                          {"complete", "nv"},
-                                                          {"remove", "nv"},
-                                                          {"peek", "n"},
-                                                          {"swap", "nvnv"},
-                                                          {"cleanup", "nv"},
-                                                          {"count", "n"},
-                                                          {"list", "nn"},
-                                                          {"lbe", "nn"},
-                                                          {"block", "t"},
-                                                          {"export-ubi", "n"},
-                                                          {"check-ubi", "uv"},
-                                                          {"export-metadata", "n"},
-                                                          {"replicate", "nv"},
-                                                          {"tuple-hash", "tnn"},
-                                                          {"start-backup", "vn"},
-                                                          {"fix-paused-instance", "vn"},
-                                                          {"post-check-offset", "vntn"},
-                                                          {"put-block", "vnntn"},
-                                                          {"send-hactar", "vnn"},
-                                                          {"cancel-backup", "vn"},
-                                                          {"list-backup-status", "v"}};
-
-TEST_F(Util, EveryCommandRefusesAnArgumentTooManyAndTextsThatAreNoNumbers) {
-    const auto command = [](const char* name, const std::string& shape, std::size_t wrong) {
-        std::string text = name;
-        for (std::size_t i = 0; i < shape.size(); ++i) {
-            const std::map<char, std::string> good = {
-                {'n', "7"}, {'v', "127.0.0.1:1"}, {'t', "b-sha512-1-" + std::string(128, '0')}, {'u', "nonsense"}};
-            text += i == wrong ? " 7x" : " " + good.at(shape[i]);
-        }
-        return text;
-    };
-    const std::string usage = readFile(FERRYD_USAGE_TEXT);
-    for (const auto& [name, shape] : SHAPES) {
-        EXPECT_EQ(output(command(name, shape, std::string::npos) + " more"), usage) << name;
-        for (std::size_t i = 0; shape[i] != '\0'; ++i)
-            if (shape[i] == 'n' || shape[i] == 't') {
-                EXPECT_EQ(output(command(name, shape, i) + " 2>/dev/null", 1), "") << name << " " << i;
-            }
-    }
+TEST_F(Util, TextsThatAreNoNumbersOrNo3TuplesAreRefused) {
+    const std::string tuple = " b-sha512-1-" + std::string(128, '0');
+    const std::string cases[] = {"enqueue 7x vault",
+                                 "swap 7 vault -7 vault",
+                                 "lbe 7 ''",
+                                 "tuple-hash c-sha512-1-00 0 1",
+                                 "tuple-hash" + tuple + " 0 18446744073709551616",
+                                 "put-block vault 7 0x10" + tuple + " 0",
+                                 "post-check-offset vault 7" + tuple + " 0" + tuple + " 1k",
+                                 "block b-sha512-12"};
+    for (const std::string& arguments : cases)
+        EXPECT_EQ(output(arguments + " 2>/dev/null", 1), "") << arguments;
+    EXPECT_EQ(output("tuple-hash" + tuple + " 0 18446744073709551615 2>/dev/null", 1), "");
+    EXPECT_TRUE(utilLogged("Failed to allocate enough memory for output value"));
 }
 
 // Nobody listens at the target's port.
@@ -121,7 +93,7 @@ TEST_F(Util, TargetThatDoesNotAnswerIsReported) {
         {"list-backup-status 127.0.0.1:1", 1,
          "SOURCE: backup_no = 7 instance_id = 2 start_time = 1000 properties = 512 replication_queue_status = 128 "
          "backups_status = 2112 type = 1\tTARGET: backup not on target\n"},
-        {"replicate 7 127.0.0.1:1", 0, ""},
+        {"replicate 7 127.0.0.1:1", 1, ""},
     };
     for (const auto& c : cases)
         EXPECT_EQ(output(c.arguments, c.status), c.output) << c.arguments;
@@ -272,6 +244,17 @@ TEST_F(Util, StatusOfAllBackupsIsListed) {
               "properties,status\n"
               "5,2,1005,512,2,2112,1,,,\n6,2,1006,512,2,2112,1,77,0,0\n7,2,1007,512,2,2112,1,77,0,64\n"
               "8,2,1008,512,2,2112,1,77,512,1088\n");
+    // What others put in the file's place stays as it is, and a file that can't be written is no success.
+    const fs::path csv = root / "tmp/replicationResult.csv";
+    fs::remove(csv);
+    writeFile(root / "victim", "precious");
+    fs::create_symlink(root / "victim", csv);
+    (void)output("list-backup-status " + target.name(), 4);
+    EXPECT_EQ(readFile(root / "victim"), "precious");
+    EXPECT_FALSE(fs::is_symlink(csv));
+    EXPECT_EQ(runCommand("trap '' XFSZ; ulimit -f 0; FERRYD_ROOT=" + root.path().string() + " " + ferryd +
+                         " util list-backup-status " + target.name() + " >/dev/null 2>&1"),
+              1 << 8);
     // An instance that has never replicated ends the list.
     backup(9, 3, 2000);
     instance(3, "");
