@@ -151,11 +151,15 @@ BlockStore::References& BlockStore::referencesOf(std::uint64_t backupNo) {
     const std::uint64_t whole = size - size % sizeof(ReferenceRecord);
     if (whole != size && ftruncate(references.file.get(), static_cast<off_t>(whole)) == -1)
         fail(path);
-    std::vector<ReferenceRecord> records(whole / sizeof(ReferenceRecord));
-    if (safe_read(references.file.get(), records.data(), static_cast<int>(whole)) != static_cast<int>(whole))
-        fail(path);
-    for (const ReferenceRecord& record : records)
-        references.blocks.insert({record.digest, record.length});
+    std::vector<ReferenceRecord> records(8192);
+    for (std::uint64_t left = whole / sizeof(ReferenceRecord); left > 0; left -= records.size()) {
+        records.resize(std::min<std::uint64_t>(left, records.size()));
+        const int bytes = static_cast<int>(records.size() * sizeof(ReferenceRecord));
+        if (safe_read(references.file.get(), records.data(), bytes) != bytes)
+            fail(path);
+        for (const ReferenceRecord& record : records)
+            references.blocks.insert({record.digest, record.length});
+    }
     return references;
 }
 

@@ -22,6 +22,8 @@ constexpr int BODY_WAIT_MS = 60000;
 constexpr std::string_view USUAL_405 = "HTTP/1.1 405 Method Not Allowed\r\n";
 constexpr std::string_view VAULT_405 = "HTTP/1.1 405 Bad Request\r\n";
 
+thread_local bool closeConnection = false;  // one thread serves a connection from its first request to its last
+
 class SocketStream : public httplib::Stream {
 public:
     explicit SocketStream(int socket) : socket_(socket), buffer_(READ_BUFFER) {}
@@ -98,6 +100,10 @@ private:
 
 }  // namespace
 
+void Listener::closeAfterReply() {
+    closeConnection = true;
+}
+
 bool Listener::process_and_close_socket(socket_t socket) {
     const FileDescriptor owner(socket);
     const int on = 1;
@@ -105,7 +111,8 @@ bool Listener::process_and_close_socket(socket_t socket) {
     SocketStream stream(socket);
     bool closed = false;
     bool good = true;
-    while (good && !closed && is_running() && stream.waitReadable(KEEP_ALIVE_MS))
+    closeConnection = false;
+    while (good && !closed && !closeConnection && is_running() && stream.waitReadable(KEEP_ALIVE_MS))
         good = process_request(stream, false, closed, nullptr);
     return good;
 }

@@ -7,6 +7,11 @@
 namespace vault {
 
 class Listener : public httplib::Server {
+public:
+    // From a handler: ends its connection after the reply, because what follows on it can't be told from the rest of a
+    // body that wasn't read.
+    static void closeAfterReply();
+
 private:
     bool process_and_close_socket(socket_t socket) override;
 };

@@ -117,7 +117,8 @@ bool mayCleanUp() {
 }
 
 void setStatus(std::int64_t number, unsigned status) {
-    (void)query(pgVExec("UPDATE backups SET status = %u WHERE backup_no = %ld", status, static_cast<long>(number)));
+    (void)query(pgVExec("UPDATE backups SET status = %u WHERE backup_no = %ld AND (status & %u) <> 0", status,
+                        static_cast<long>(number), static_cast<unsigned>(ST_BUILDING)));
 }
 
 }  // namespace
@@ -125,8 +126,10 @@ void setStatus(std::int64_t number, unsigned status) {
 BackupState TargetCatalogue::find(const std::string& identity, std::int64_t number) {
     const std::lock_guard guard(lock_);
     std::uint64_t known = static_cast<std::uint64_t>(number);
-    if (number == 0 && !identity.empty() && UBIstringToBackupNumber(identity.c_str(), &known) == -1)
+    if (number == 0 && !identity.empty() && UBIstringToBackupNumber(identity.c_str(), &known) == -1) {
+        (void)query(pgExec("SELECT 1"));  // a lost database isn't an identity that nobody knows
         known = 0;
+    }
     BackupState state;
     if (known == 0)
         return state;
@@ -155,8 +158,8 @@ Refusal TargetCatalogue::start(std::string_view metadata, bool force, std::int64
     }
     const PgResultPtr same =
         query(pgVExec("SELECT backup_no FROM backups WHERE instance_id = %ld AND start_time = %lu AND type = %lu AND "
-                      "(status & %u) = 0",
-                      instance, from.startTime, from.type, static_cast<unsigned>(JOB_FAILED)));
+                      "(status & %u) = 0 AND tape_no <> %u",
+                      instance, from.startTime, from.type, static_cast<unsigned>(JOB_FAILED), TAPE_NO_DELETED));
     *number = firstNumber(same, "backup_no");
     if (*number != 0)
         return Refusal::None;
@@ -182,9 +185,9 @@ void TargetCatalogue::markComplete(std::int64_t number, std::uint64_t sizeBytes)
     const std::lock_guard guard(lock_);
     (void)query(
         pgVExec("UPDATE backups SET status = %u, properties = properties | %u, total_megs = %lu "
-                "WHERE backup_no = %ld",
+                "WHERE backup_no = %ld AND (status & %u) <> 0",
                 static_cast<unsigned>(ST_COMPLETE | ST_ON_SYSTEM | ST_SUCCESS), static_cast<unsigned>(P_HASHED),
-                sizeBytes >> 20, static_cast<long>(number)));
+                sizeBytes >> 20, static_cast<long>(number), static_cast<unsigned>(ST_BUILDING)));
 }
 
 void TargetCatalogue::markFailed(std::int64_t number, const std::string& reason) {

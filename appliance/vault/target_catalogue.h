@@ -32,6 +32,7 @@ public:
     // The source has given up: a backup still being built is marked failed, with the source's words.
     void giveUp(const std::string& identity, const std::string& message);
 
+    // Ends of a backup that is being built; one that has ended stays as it is.
     void markComplete(std::int64_t number, std::uint64_t sizeBytes);
     void markFailed(std::int64_t number, const std::string& reason);
 

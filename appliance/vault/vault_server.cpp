@@ -1,8 +1,8 @@
 // vaultServer - a replication target: stores blocks, rebuilds backups, and tells how far it is.
 //
-// All requests lie under /cgi-bin/vaultServer/. A malformed request, or one about a backup that isn't known, gets "405
-// Bad Request"; a vault in maintenance (the file /var/run/vaultMaintenance exists) answers "503 Service Unavailable";
-// whatever fails on this side is "500 Internal Server Error".
+// All requests lie under /cgi-bin/vaultServer/. A malformed request, or one with work for a backup that isn't being
+// built, gets "405 Bad Request"; a vault in maintenance (the file /var/run/vaultMaintenance exists) answers "503
+// Service Unavailable"; whatever fails on this side is "500 Internal Server Error".
 
 #include <getopt.h>
 #include <sys/statvfs.h>
@@ -20,6 +20,7 @@
 
 #include "base/paths.h"
 #include "base/signals.h"
+#include "bookkeeping/common.h"
 #include "common/hactar.h"
 #include "config/directories.h"
 #include "config/program_log.h"
@@ -39,6 +40,7 @@ using httplib::Request;
 using httplib::Response;
 
 constexpr std::uint64_t BODY_LIMIT = std::uint64_t{1} << 30;  // bytes of a request that is kept in memory
+constexpr std::size_t KEPT_LIMIT = std::size_t{64} << 20;     // bytes that a thread keeps for its next request
 constexpr std::size_t CHECK_RECORD = 88;
 constexpr std::size_t BLOCK_HEADER = 84;
 constexpr int BAD_REQUEST = 405;
@@ -199,7 +201,20 @@ private:
 
     void on(Listener& listener, const std::string& name, Handler handler) {
         const auto guarded = [this, handler](const Request& request, Response& response, const ContentReader& reader) {
-            answer(handler, request, response, reader);
+            // The body of a refused request must not be taken for the next request.
+            bool asked = false;
+            bool whole = false;
+            const ContentReader tracked(
+                [&](httplib::ContentReceiver receiver) {
+                    asked = true;
+                    return whole = reader(std::move(receiver));
+                },
+                nullptr);
+            answer(handler, request, response, tracked);
+            if (!asked)
+                whole = reader([](const char*, std::size_t) { return true; });
+            if (!whole)
+                Listener::closeAfterReply();
         };
         listener.Post("/cgi-bin/vaultServer/" + name, guarded);
         listener.Put("/cgi-bin/vaultServer/" + name, guarded);
@@ -228,21 +243,26 @@ private:
     // The backup that a request is about; it must be one that is being built.
     std::uint64_t buildingBackup(const Request& request) {
         const std::uint64_t number = headerNumber(request, "X-BackupNo", 0);
-        {
-            const std::lock_guard guard(knownLock_);
-            if (known_.contains(number))
-                return number;
-        }
-        const BackupState state = catalogue_.find("", static_cast<std::int64_t>(number));
-        if (state.number == 0)
-            throw BadRequest("no such backup: " + std::to_string(number));
-        const std::lock_guard guard(knownLock_);
-        known_.insert(number);
+        const BackupState state = number == 0 ? BackupState() : catalogue_.find("", static_cast<std::int64_t>(number));
+        if (state.number == 0 || (state.status & ST_BUILDING) == 0)
+            throw BadRequest("not a backup that is being built: " + std::to_string(number));
         return number;
     }
 
+    // A body whose length the header `X-Amt` tells.
+    static std::string announcedBody(const Request& request, const ContentReader& reader) {
+        std::string body = wholeBody(reader);
+        expect(request, "X-Amt", body.size());
+        return body;
+    }
+
+    static void expect(const Request& request, const char* name, std::uint64_t count) {
+        if (headerNumber(request, name, ~count) != count)
+            throw BadRequest(std::string("the body isn't what ") + name + " says");
+    }
+
     void backupCheck(const Request& request, Response& response, const ContentReader& reader) {
-        const std::string body = wholeBody(reader);
+        const std::string body = announcedBody(request, reader);
         const BackupState state = catalogue_.find(std::string(body.c_str()),
                                                   static_cast<std::int64_t>(headerNumber(request, "X-BackupNo", 0)));
         std::string reply;
@@ -256,7 +276,7 @@ private:
 
     void startBackup(const Request& request, Response& response, const ContentReader& reader) {
         std::int64_t number = 0;
-        switch (catalogue_.start(wholeBody(reader), request.has_header("X-Force"), &number)) {
+        switch (catalogue_.start(announcedBody(request, reader), request.has_header("X-Force"), &number)) {
             case Refusal::OutOfOrder:
                 response.set_header("Warning",
                                     "Failed to process metaData, tried to insert out of order backup sequence.");
@@ -271,7 +291,7 @@ private:
     }
 
     void endBackup(const Request& request, Response&, const ContentReader& reader) {
-        const std::string message = wholeBody(reader);
+        const std::string message = announcedBody(request, reader);
         catalogue_.giveUp(request.get_header_value("X-BackupUUID"), message.c_str());
     }
 
@@ -304,13 +324,19 @@ private:
         // Of this thread: with fresh memory for each request, clearing its pages would cost a tenth of the time.
         thread_local std::string kept;
         BlockParser parser(store_.discards() ? nullptr : &kept);
-        receive(reader, [&](std::string_view piece) { parser.take(piece); });
+        std::uint64_t size = 0;
+        receive(reader, [&](std::string_view piece) {
+            size += piece.size();
+            parser.take(piece);
+        });
+        expect(request, "X-BackupSize", size);
         if (!parser.isWhole())
             throw BadRequest("a block is cut off");
-        if (parser.references().size() != headerNumber(request, "X-ClusterAmt", parser.references().size()))
-            throw BadRequest("the body doesn't hold the announced blocks");
+        expect(request, "X-ClusterAmt", parser.references().size());
         store_.store(parser.blocks());
         (void)store_.refer(number, parser.references());
+        if (kept.capacity() > KEPT_LIMIT)
+            kept = std::string();
     }
 
     void oneBlock(const Request& request, Response&, const ContentReader& reader) {
@@ -375,8 +401,6 @@ private:
     BlockStore& store_;
     Rebuilder& rebuilder_;
     std::chrono::milliseconds delay_;  // before each answer: a target that is far away
-    std::mutex knownLock_;
-    std::unordered_set<std::uint64_t> known_;  // backups that the catalogue has confirmed
 };
 
 int serve(int port, bool discard, std::chrono::milliseconds delay) {
