@@ -111,13 +111,10 @@ TEST_P(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     const fs::path directory = data(16, 1);
     const std::uint64_t older = lab().ingest(directory);
     const std::uint64_t newer = lab().ingest(directory);
-    const std::string ferryd = lab().source().root() / "usr/dq/bin/ferryd";
-    std::string output;
-    const auto util = [&](const std::vector<std::string>& arguments) {
-        std::vector<std::string> command = {ferryd, "util"};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        output.clear();
-        return lab().source().run(command, &output);
+    const auto util = [this](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {lab().source().root() / "usr/dq/bin/ferryd", "util"});
+        std::string output;
+        return lab().source().run(arguments, &output);
     };
     ASSERT_EQ(util({"enqueue", std::to_string(newer), lab().vaultName()}), 0);
     ASSERT_TRUE(reaches(newer, REPLICATION_COMPLETE));
@@ -125,17 +122,6 @@ TEST_P(Faults, OutOfOrderBackupPausesItsInstanceUntilAnOperatorActs) {
     ASSERT_TRUE(reaches(older, REPLICATION_OUT_OF_ORDER));
     ASSERT_TRUE(eventually([&] { return lastMessage(older).starts_with("Failed: Unable to process initial meta"); }));
     EXPECT_TRUE(workerLogged("set REPLICATION_OUT_OF_ORDER for " + std::to_string(older) + "."));
-
-    // The list shows which is paused, and what it is paused by.
-    EXPECT_EQ(util({"list-backup-status", lab().vaultName()}), 2);
-    const auto line = [&](std::uint64_t backup) {
-        const std::size_t at = output.find("SOURCE: backup_no = " + std::to_string(backup) + " ");
-        return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
-    };
-    EXPECT_NE(line(older).find("replication_queue_status = 128"), std::string::npos) << output;
-    EXPECT_NE(line(older).find("TARGET: backup not on target"), std::string::npos) << output;
-    EXPECT_NE(line(newer).find("replication_queue_status = 2 "), std::string::npos) << output;
-    EXPECT_NE(line(newer).find("TARGET: backup_no = "), std::string::npos) << output;
 
     // Without the vault's leave nothing changes; with it the newer one makes room.
     EXPECT_NE(util({"fix-paused-instance", lab().vaultName(), std::to_string(older)}), 0);
