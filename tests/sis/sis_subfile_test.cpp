@@ -7,12 +7,9 @@
 
 namespace {
 
-using testsupport::bytesOf;
-using testsupport::noise;
-using testsupport::readAt;
-using testsupport::roomOf;
+using namespace testsupport;
 
-class SISsubfile : public testsupport::Store {
+class SISsubfile : public Store {
 protected:
     SISsubfile() {
         presetSizes();
@@ -33,8 +30,7 @@ protected:
     }
 
     hashValue store(const std::string& data) {
-        std::uint64_t offset = 0;
-        EXPECT_EQ(reserveSIS(sis.get(), &offset, static_cast<std::int64_t>(data.size())), 0);
+        const auto offset = static_cast<std::uint64_t>(reserve(sis.get(), static_cast<std::int64_t>(data.size())));
         hashValue record = recordAt(offset, data.size());
         EXPECT_EQ(writeSISsubfile(sis.get(), bytesOf(data), offset, &record), static_cast<ssize_t>(data.size()));
         return record;
@@ -42,13 +38,10 @@ protected:
 
     std::string read(const hashValue& record, std::size_t at = 0, std::size_t count = std::string::npos) {
         std::string data(std::min<std::size_t>(count, record.hashedLength - at), '\0');
-        for (std::size_t done = 0; done < data.size();) {
-            const ssize_t n =
-                readSISsubfile(sis.get(), roomOf(data).subspan(done), record.SISoffset + at + done, record);
-            if (n < 1)
+        ssize_t n = 0;
+        for (std::size_t done = 0; done < data.size(); done += static_cast<std::size_t>(n))
+            if ((n = readSISsubfile(sis.get(), roomOf(data).subspan(done), record.SISoffset + at + done, record)) < 1)
                 return "failed";
-            done += static_cast<std::size_t>(n);
-        }
         return data;
     }
 
@@ -117,10 +110,10 @@ TEST_F(SISsubfile, Lz4UnpacksABlockFromTheStore) {
     const std::string data = mixed(0x100000, 100000);
     const hashValue record = store(data);
     ASSERT_NE(record.compressedLength, 0u);
-    testsupport::writeFile(root / "tmp/block.lz4", readAt(sis.get(), record.compressedLength, record.SISoffset));
+    writeFile(root / "tmp/block.lz4", readAt(sis.get(), record.compressedLength, record.SISoffset));
     const std::string command = "lz4 -dcq " + (root / "tmp/block.lz4").string() + " > " + (root / "tmp/plain").string();
     ASSERT_EQ(system(command.c_str()), 0);
-    EXPECT_TRUE(testsupport::readFile(root / "tmp/plain") == data);
+    EXPECT_TRUE(readFile(root / "tmp/plain") == data);
 }
 
 TEST_F(SISsubfile, PiecesAreWrittenWhenAllAreThereAndMisplacedOnesAreRefused) {
@@ -187,25 +180,23 @@ TEST_F(SISsubfile, DamagedBlocksAndRecordsThatLieFail) {
     const std::string path = fileOn("one", 0);
     const std::string packed = readAt(sis.get(), good.compressedLength, good.SISoffset);
     const struct {
-        const char* what;
         std::size_t at;
-        std::string bytes;
-        const char* said;
+        std::string bytes, said;
     } cases[] = {
-        {"the modern frame", 0, std::string("\x04\x22\x4d\x18", 4), "not legacy magic number 0x184d2204"},
-        {"no data", 4, std::string(4, '\0'), "SISdecompressBlock, nothing to read"},
-        {"too much data", 4, std::string("\x91\x80\x80\0", 4), "cannot read block, size too large"},
-        {"less than there is", 4, std::string("\0\x10\0\0", 4), "SISdecompressBlock"},
-        {"other data", 8, std::string(5000, '\xff'), "SISdecompressBlock(SIS @ 0x0) failed"},
+        {0, std::string("\x04\x22\x4d\x18", 4), "not legacy magic number 0x184d2204"},
+        {4, std::string(4, '\0'), "SISdecompressBlock, nothing to read"},
+        {4, std::string("\x91\x80\x80\0", 4), "cannot read block, size too large"},
+        {4, std::string("\0\x10\0\0", 4), "SISdecompressBlock"},
+        {8, std::string(5000, '\xff'), "SISdecompressBlock(SIS @ 0x0) failed"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.said);
         root.clearLog();
-        ASSERT_TRUE(testsupport::writeAt(sis.get(), c.bytes, c.at));
+        ASSERT_TRUE(writeAt(sis.get(), c.bytes, c.at));
         EXPECT_EQ(read(good), "failed");
         EXPECT_TRUE(root.logged(c.said)) << root.log();
         EXPECT_TRUE(root.logged("readSIScompressedRegion(SIS @ 0x0) failed"));
-        ASSERT_TRUE(testsupport::writeAt(sis.get(), packed, 0));
+        ASSERT_TRUE(writeAt(sis.get(), packed, 0));
     }
     EXPECT_TRUE(read(good) == data);
     (void)store(noise(300000, 1));  // so that a length beyond the block is one that could be read
