@@ -36,8 +36,7 @@ TEST_F(Client, OpensASessionOrSaysWhyNot) {
     const std::string good = resultRecord(0);
     const struct {
         const char* what;
-        std::string opening;
-        std::string key;
+        std::string opening, key;
         int code;
         const char* text;
     } cases[] = {
@@ -80,19 +79,15 @@ TEST_F(Client, OpensASessionOrSaysWhyNot) {
 
 TEST_F(Client, AsksForTheStatus) {
     const struct {
-        const char* what;
         std::string reply;
         int code;
         const char* text;
         unsigned mask;
-    } cases[] = {
-        {"ready", wordRecord(7), 0, "", 7},
-        {"refused", resultRecord(-4, "bad ticket"), -4, "bad ticket", 99},
-        {"result alone", resultRecord(0), -1, "short response", 99},
-        {"nothing", "", -1, "short read", 99},
-    };
+    } cases[] = {{wordRecord(7), 0, "", 7},
+                 {resultRecord(-4, "bad ticket"), -4, "bad ticket", 99},
+                 {resultRecord(0), -1, "short response", 99},
+                 {"", -1, "short read", 99}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
         std::string request;
         server.next([&](Peer& peer) {
             request = take(peer, 528);
@@ -109,44 +104,38 @@ TEST_F(Client, AsksForTheStatus) {
 
 TEST_F(Client, FindsTheServiceByItsState) {
     unsigned mask = 0;
-    const auto ask = [&] { return CDgetStatusBitmask(&mask, &result); };
-    const char* const absent = "CryptoDaemon's not running or we're unprivileged";
-    server.standing([](Peer& peer) {
-        (void)take(peer, 528);
-        peer.send(wordRecord(1));
-    });
-    EXPECT_EQ(ask(), 0);
+    const auto ask = [&] { return CDgetStatusBitmask(&mask, &result) == 0 ? std::to_string(mask) : textOf(result); };
+    ScriptedServer later;
+    const auto serve = [](ScriptedServer* one, std::uint32_t word) {
+        one->standing([word](Peer& peer) {
+            (void)take(peer, 528);
+            peer.send(wordRecord(word));
+        });
+    };
+    serve(&server, 1);
+    serve(&later, 2);
+    EXPECT_EQ(ask(), "1");
     std::filesystem::remove(statePath());
-    EXPECT_EQ(ask(), -1) << "though the port is known";
-    EXPECT_EQ(textOf(result), absent);
-    for (const std::size_t size : {std::size_t{0}, std::size_t{535}, std::size_t{537}, std::size_t{100000}}) {
+    EXPECT_EQ(ask(), "CryptoDaemon's not running or we're unprivileged") << "though the port is known";
+    for (const std::size_t size : {0, 535, 537, 100000}) {
         writeState(portOf(server), size);
-        EXPECT_EQ(ask(), -1);
-        EXPECT_EQ(textOf(result), "state size " + std::to_string(size) + " != 536");
+        EXPECT_EQ(ask(), "state size " + std::to_string(size) + " != 536");
     }
     std::filesystem::remove(statePath());
     std::filesystem::create_directory(statePath());
-    EXPECT_EQ(ask(), -1);
-    EXPECT_EQ(textOf(result), "Can't read CryptoDaemon's state: Is a directory");
+    EXPECT_EQ(ask(), "Can't read CryptoDaemon's state: Is a directory");
     std::filesystem::remove(statePath());
-
     // A service that started later stands in a newer file; an older one is no news.
-    ScriptedServer later;
-    later.standing([](Peer& peer) {
-        (void)take(peer, 528);
-        peer.send(wordRecord(2));
-    });
     writeState(portOf(server));
-    EXPECT_EQ(ask() + static_cast<int>(mask), 1);
+    EXPECT_EQ(ask(), "1");
     writeState(portOf(later));
-    EXPECT_EQ(ask() + static_cast<int>(mask), 2);
+    EXPECT_EQ(ask(), "2");
     writeState(portOf(server));
     std::filesystem::last_write_time(statePath(),
                                      std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
-    EXPECT_EQ(ask() + static_cast<int>(mask), 2);
+    EXPECT_EQ(ask(), "2");
     writeState(1);
-    EXPECT_EQ(ask(), -1);
-    EXPECT_EQ(textOf(result), "Can't connect to CryptoDaemon: Connection refused");
+    EXPECT_EQ(ask(), "Can't connect to CryptoDaemon: Connection refused");
 }
 
 TEST_F(Client, TakesATokenOrClosesTheSession) {
@@ -158,15 +147,12 @@ TEST_F(Client, TakesATokenOrClosesTheSession) {
     const struct {
         const char* what;
         std::string reply;
-        int room;
-        int code;
+        int room, code;
         const char* text;
         int length;
     } cases[] = {
         {"fits", reply(1024, payload), 1536, 0, "", 1536},
-        {"fits with room", reply(1024, payload), 4096, 0, "", 1536},
         {"a byte short", reply(1024, payload), 1535, -1, "length too small", 1536},
-        {"only a header", reply(1024, payload), 512, -1, "length too small", 1536},
         {"no room", reply(1024, payload), -1, -1, "length too small", 1536},
         {"empty", reply(0, ""), 4096, -1, "bad token length 0", 4096},
         {"absurd", reply(UINT32_MAX, ""), 4096, -1, "bad token length 4294967295", 4096},
@@ -190,9 +176,7 @@ TEST_F(Client, TakesATokenOrClosesTheSession) {
         EXPECT_EQ(length, c.length);
         EXPECT_EQ(context.session == nullptr, c.code != 0);
         EXPECT_EQ(request, requestHead(7));
-        if (c.code == 0) {
-            EXPECT_EQ(buffer.substr(0, 1536), header + payload);
-        }
+        EXPECT_EQ(buffer.starts_with(header + payload), c.code == 0);
     }
     int length = 4096;
     std::byte buffer[4096];
@@ -328,25 +312,22 @@ TEST_F(CryptoTest, CiphersItselfWithEnoughThreadsOrIfThatIsEnabled) {
 
 TEST_F(CryptoTest, AsksTheInstalledToolWhenNoConfigurationIsKnown) {
     const std::string known = g_master_ini;
-    const struct {
-        const char* script;  // null: not installed
-        bool inProcess;
-    } cases[] = {
-        {nullptr, true},       {"echo true", true}, {"echo ' yes indeed'", true},
-        {"echo false", false}, {"exit 0", false},   {"[ $# = 5 ] && [ \"$3\" = inlineCryption ] && echo y", true}};
     const std::filesystem::path tool = root / "usr/dq/bin/dqutil";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.script == nullptr ? "not installed" : c.script);
-        std::filesystem::remove(tool);
-        if (c.script != nullptr) {
-            writeFile(tool, std::string("#!/bin/sh\n") + c.script + "\n");
+    for (const auto& [script, inProcess] : {std::pair{"", true},
+                                            {"echo true", true},
+                                            {"echo ' yes indeed'", true},
+                                            {"echo false", false},
+                                            {"exit 0", false},
+                                            {"[ $# = 5 ] && [ \"$3\" = inlineCryption ] && echo y", true}}) {
+        if (*script != '\0') {
+            writeFile(tool, std::string("#!/bin/sh\n") + script + "\n");
             std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
         }
         g_master_ini.clear();
         CDlibData data;
         CDlibInit(&data, &result);
         g_master_ini = known;
-        EXPECT_EQ(data.doOurOwnCryption, c.inProcess);
+        EXPECT_EQ(data.doOurOwnCryption, inProcess) << script;
     }
 }
 
