@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <limits>
 #include <string_view>
 
@@ -15,7 +14,6 @@ namespace {
 constexpr std::string_view INDEX_MAGICS[] = {"ae9b76", "ae9b77"};
 constexpr std::size_t INDEX_MAGIC_SIZE = 6;
 constexpr std::size_t LONGEST_START = LZ4_HEADER_SIZE;  // bytes that tell what comes; fewer are no LZ4 frame
-constexpr unsigned LZ4_CODE_4M = 7;
 
 // One step of a decoder: what it has to work with, and how far it came.
 struct Step {
@@ -125,6 +123,7 @@ public:
         channel->buf.p = filledTo;
         channel->buf.high = to;
         channel->buf._apifrees = false;
+        channel->buf.isLent = true;
     }
     Lent(const Lent&) = delete;
     Lent& operator=(const Lent&) = delete;
@@ -134,14 +133,6 @@ private:
     DqCompressionChannel* channel_;
     DqCompressionBuffer own_;
 };
-
-// The end of a lent input, with room behind it that nobody writes to: the decoder never finds it short, and so never
-// moves what it hasn't read.
-std::byte* beyondInput(std::byte* end) {
-    constexpr std::uintptr_t LARGEST_BLOCK = lz4BlockMaximum(LZ4_CODE_4M) + LZ4_BLOCK_OVERHEAD;
-    return reinterpret_cast<std::byte*>(  // NOLINT(performance-no-int-to-ptr): it points to nothing that exists
-        reinterpret_cast<std::uintptr_t>(end) + LARGEST_BLOCK);
-}
 
 // What the next block can need, as the frame's header says.
 std::size_t lz4RoomFor(const DqCompressionState& state, std::span<const std::byte> input) {
@@ -157,11 +148,11 @@ int lz4Step(Transform* transform, Step* step) {
     DqCompressionState& state = transform->compression;
     if (step->room.size() < lz4RoomFor(state, step->input))
         return TRANSFORM_NEEDS_ROOM;
-    auto* const input = const_cast<std::byte*>(step->input.data());  // nothing is written there, see below
+    auto* const input = const_cast<std::byte*>(step->input.data());  // nothing lent is moved
     std::byte* const inputEnd = input + step->input.size();
     DqCompressionErr error = DQ_SUCCESS;
     {
-        const Lent lentInput(&state.inpput, input, inputEnd, beyondInput(inputEnd));
+        const Lent lentInput(&state.inpput, input, inputEnd, inputEnd);
         const Lent lentOutput(&state.output, step->room.data(), step->room.data(),
                               step->room.data() + step->room.size());
         error = DqCompressionBlock(&state);

@@ -55,6 +55,7 @@ struct DqCompressionBuffer {
     std::byte* p = nullptr;
     std::byte* high = nullptr;
     bool _apifrees = false;
+    bool isLent = false;  // for one call: what it holds stays where it is, and more comes with another call
 
     [[nodiscard]] std::size_t bytes() const { return static_cast<std::size_t>(p - low); }
     [[nodiscard]] std::size_t room() const { return static_cast<std::size_t>(high - p); }

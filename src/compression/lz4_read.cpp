@@ -117,7 +117,7 @@ Step readBlock(DqCompressionState* state) {
         return DAMAGED("LZ4 block of %zu bytes, the frame allows %zu.\n", length, lz4BlockMaximum(lz4.blockSizeCode));
     const std::size_t total = length + LZ4_BLOCK_OVERHEAD;
     if (in.bytes() < total) {
-        if (!dqMakeRoom(&in, total - in.bytes()) && !dqGrow(&in, total))
+        if (!in.isLent && !dqMakeRoom(&in, total - in.bytes()) && !dqGrow(&in, total))
             return TOO_SMALL("The input buffer of %zu bytes can't take an LZ4 block of %zu.\n", in.capacity(), total);
         return Step::MUST_WAIT;
     }
