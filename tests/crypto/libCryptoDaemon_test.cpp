@@ -1,6 +1,4 @@
 // The client's side of each exchange, against a service that says what a test wants.
-#include <unistd.h>
-
 #include <chrono>
 #include <climits>
 #include <vector>
@@ -15,20 +13,36 @@ class Client : public CryptoTest {
 protected:
     Client() { writeState(portOf(server)); }
 
-    // A service that opens a session, hands out a key of 32 bytes, then plays `rest`.
-    void serveSession(const ScriptedServer::Script& rest) {
-        server.next([rest](Peer& peer) {
-            (void)take(peer, 528);
-            peer.send(resultRecord(0, "open"));
-            (void)take(peer, 16);
-            peer.send(wordRecord(32) + noise(32, 1));
-            rest(peer);
+    struct Step {
+        std::size_t bytes;  // of the client, taken before the reply
+        std::string reply;
+    };
+    // The next connection gets these replies; what it sent is in `played` after what.
+    void play(const std::vector<Step>& steps, bool staysOpen = false) {
+        played.clear();
+        server.next([this, steps, staysOpen](Peer& peer) {
+            for (const Step& step : steps) {
+                played += take(peer, step.bytes);
+                peer.send(step.reply);
+            }
+            if (staysOpen)
+                peer.waitForEnd();
         });
     }
+    // A session with a key of 32 bytes, and then the steps.
+    void openAndPlay(std::vector<Step> steps, bool staysOpen = false) {
+        steps.insert(steps.begin(), {{528, resultRecord(0, "open")}, {16, wordRecord(32) + noise(32, 1)}});
+        play(steps, staysOpen);
+        ASSERT_EQ(open(), 0);
+    }
     int open() { return CDlibInitCryptWithArchiveKey(&context, &result); }
-    // What scripts use must outlive them.
-    void waitForScripts() { (void)server.requests(); }
+    // What the service took, behind the opening of a session.
+    std::string requests(std::size_t from = 544) {
+        (void)server.requests();  // waits for the script
+        return played.substr(std::min(from, played.size()));
+    }
 
+    std::string played;
     ScriptedServer server;
 };
 
@@ -56,19 +70,12 @@ TEST_F(Client, OpensASessionOrSaysWhyNot) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        std::string request;
-        server.next([&](Peer& peer) {
-            request = take(peer, 528);
-            peer.send(c.opening);
-            if (c.opening == good)
-                request += take(peer, 16);
-            peer.send(c.key);
-        });
+        const bool isOpened = c.opening == good;
+        play({{528, c.opening}, {isOpened ? 16u : 0u, c.key}});
         EXPECT_EQ(open(), c.code);
         EXPECT_EQ(textOf(result), c.text);
         EXPECT_EQ(context.session == nullptr, c.code != 0);
-        waitForScripts();
-        EXPECT_EQ(request, requestHead(6) + ticket() + (c.opening == good ? requestHead(9) : ""));
+        EXPECT_EQ(requests(0), requestHead(6) + ticket() + (isOpened ? requestHead(9) : ""));
     }
     EXPECT_EQ(context.blockSize, 32u);
     EXPECT_EQ(context.session->keyLength, 32);
@@ -88,17 +95,12 @@ TEST_F(Client, AsksForTheStatus) {
                  {resultRecord(0), -1, "short response", 99},
                  {"", -1, "short read", 99}};
     for (const auto& c : cases) {
-        std::string request;
-        server.next([&](Peer& peer) {
-            request = take(peer, 528);
-            peer.send(c.reply);
-        });
+        play({{528, c.reply}});
         unsigned mask = 99;
         EXPECT_EQ(CDgetStatusBitmask(&mask, &result), c.code);
-        waitForScripts();
         EXPECT_EQ(textOf(result), c.text);
         EXPECT_EQ(mask, c.mask);
-        EXPECT_EQ(request, requestHead(10) + ticket());
+        EXPECT_EQ(requests(0), requestHead(10) + ticket());
     }
 }
 
@@ -106,14 +108,11 @@ TEST_F(Client, FindsTheServiceByItsState) {
     unsigned mask = 0;
     const auto ask = [&] { return CDgetStatusBitmask(&mask, &result) == 0 ? std::to_string(mask) : textOf(result); };
     ScriptedServer later;
-    const auto serve = [](ScriptedServer* one, std::uint32_t word) {
-        one->standing([word](Peer& peer) {
+    for (const auto& [one, word] : {std::pair{&server, 1u}, {&later, 2u}})
+        one->standing([reply = wordRecord(word)](Peer& peer) {
             (void)take(peer, 528);
-            peer.send(wordRecord(word));
+            peer.send(reply);
         });
-    };
-    serve(&server, 1);
-    serve(&later, 2);
     EXPECT_EQ(ask(), "1");
     std::filesystem::remove(statePath());
     EXPECT_EQ(ask(), "CryptoDaemon's not running or we're unprivileged") << "though the port is known";
@@ -139,10 +138,9 @@ TEST_F(Client, FindsTheServiceByItsState) {
 }
 
 TEST_F(Client, TakesATokenOrClosesTheSession) {
-    const std::string header = noise(512, 5);
-    const std::string payload = noise(1024, 6);
-    const auto reply = [&](std::uint32_t length, const std::string& data) {
-        return resultRecord(0) + raw(length) + header + std::string(4, '\0') + data;
+    const std::string token = noise(1536, 5);
+    const auto reply = [&](std::uint32_t length) {
+        return resultRecord(0) + raw(length) + token.substr(0, 512) + std::string(4, '\0') + token.substr(512);
     };
     const struct {
         const char* what;
@@ -151,54 +149,47 @@ TEST_F(Client, TakesATokenOrClosesTheSession) {
         const char* text;
         int length;
     } cases[] = {
-        {"fits", reply(1024, payload), 1536, 0, "", 1536},
-        {"a byte short", reply(1024, payload), 1535, -1, "length too small", 1536},
-        {"no room", reply(1024, payload), -1, -1, "length too small", 1536},
-        {"empty", reply(0, ""), 4096, -1, "bad token length 0", 4096},
-        {"absurd", reply(UINT32_MAX, ""), 4096, -1, "bad token length 4294967295", 4096},
-        {"cut off", reply(1024, payload.substr(1)), 4096, -1, "short read", 4096},
-        {"no header", reply(1024, payload).substr(0, 599), 4096, -1, "short read", 4096},
+        {"fits", reply(1024), 1536, 0, "", 1536},
+        {"a byte short", reply(1024), 1535, -1, "length too small", 1536},
+        {"no room", reply(1024), -1, -1, "length too small", 1536},
+        {"empty", reply(0), 4096, -1, "bad token length 0", 4096},
+        {"absurd", reply(UINT32_MAX), 4096, -1, "bad token length 4294967295", 4096},
+        {"cut off", reply(1024).substr(0, 1623), 4096, -1, "short read", 4096},
+        {"no header", reply(1024).substr(0, 599), 4096, -1, "short read", 4096},
         {"refused", resultRecord(-3, "no"), 4096, -3, "no", 4096},
     };
+    std::string buffer(4096, '\0');
+    int length = 4096;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        std::string request;
-        serveSession([&](Peer& peer) {
-            request = take(peer, 16);
-            peer.send(c.reply);
-        });
-        ASSERT_EQ(open(), 0);
-        std::string buffer(4096, '\0');
-        int length = c.room;
+        openAndPlay({{16, c.reply}});
+        buffer.assign(4096, '\0');
+        length = c.room;
         EXPECT_EQ(CDlibGetToken(buffer.data(), &length, &context, &result), c.code);
-        waitForScripts();
         EXPECT_EQ(textOf(result), c.text);
         EXPECT_EQ(length, c.length);
         EXPECT_EQ(context.session == nullptr, c.code != 0);
-        EXPECT_EQ(request, requestHead(7));
-        EXPECT_EQ(buffer.starts_with(header + payload), c.code == 0);
+        EXPECT_EQ(requests(), requestHead(7));
+        EXPECT_EQ(buffer.starts_with(token), c.code == 0);
     }
-    int length = 4096;
-    std::byte buffer[4096];
-    EXPECT_EQ(CDlibGetToken(buffer, &length, &context, &result), -1);
+    EXPECT_EQ(CDlibGetToken(buffer.data(), &length, &context, &result), -1);
     EXPECT_EQ(textOf(result), "CDlibData not initialized");
 }
 
 TEST_F(Client, ShowsATokenWhole) {
     const std::string token = noise(1536, 3);
-    std::string request;
-    server.next([&](Peer& peer) { request = take(peer, 2072); });
-    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), token.size(), &context, &result), -1);
-    waitForScripts();
-    EXPECT_EQ(textOf(result), "short read");
-    EXPECT_EQ(request, requestHead(8) + ticket() + raw(std::uint32_t{1024}) + token.substr(0, 512) +
-                           std::string(4, '\0') + token.substr(512));
-    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), 512, &context, &result), -1);
-    EXPECT_EQ(textOf(result), "length too small");
-    EXPECT_EQ(CDlibInitCryptWithToken(nullptr, 1536, &context, &result), -1);
+    const auto openWith = [&](const void* bytes, std::size_t length) {
+        EXPECT_EQ(CDlibInitCryptWithToken(bytes, length, &context, &result), -1);
+        return textOf(result);
+    };
+    play({{2072, ""}});
+    EXPECT_EQ(openWith(token.data(), token.size()), "short read");
+    EXPECT_EQ(requests(0), requestHead(8) + ticket() + raw(std::uint32_t{1024}) + token.substr(0, 512) +
+                               std::string(4, '\0') + token.substr(512));
+    EXPECT_EQ(openWith(token.data(), 512), "length too small");
+    EXPECT_EQ(openWith(nullptr, 1536), "NULL pointer");
     server.next([](Peer& peer) { peer.reset(); });
-    EXPECT_EQ(CDlibInitCryptWithToken(token.data(), token.size(), &context, &result), -1);
-    EXPECT_EQ(textOf(result), "Connection reset by peer");
+    EXPECT_EQ(openWith(token.data(), token.size()), "Connection reset by peer");
 }
 
 TEST_F(Client, ChecksWhatItIsToCipher) {
@@ -206,8 +197,7 @@ TEST_F(Client, ChecksWhatItIsToCipher) {
     EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, nullptr), -1);
     EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), -1);
     EXPECT_EQ(textOf(result), "CDlibData not initialized");
-    serveSession([](Peer& peer) { peer.waitForEnd(); });
-    ASSERT_EQ(open(), 0);
+    openAndPlay({}, true);
     std::string data(64, 'x'), part(31, 'x'), none;
     const struct {
         int op;
@@ -228,52 +218,40 @@ TEST_F(Client, ChecksWhatItIsToCipher) {
 TEST_F(Client, SendsChunksInTheirSequence) {
     cipherInService(true);
     const std::string data = noise(65536 + 64 + 1, 9);
-    std::string requests;
-    serveSession([&](Peer& peer) {
-        const std::uint32_t lengths[] = {65536, 64, 64};
-        for (std::uint32_t i = 0; i < 3; ++i) {
-            requests += take(peer, 96);
-            peer.send(chunkRecord(resultRecord(0), i + 1, lengths[i]) + take(peer, lengths[i]));
-        }
-    });
-    ASSERT_EQ(open(), 0);
+    const auto chunk = [&](std::uint32_t number, std::size_t from, std::uint32_t length) {
+        return Step{96 + length, chunkRecord(resultRecord(0), number, length) + data.substr(from, length)};
+    };
+    openAndPlay({chunk(1, 0, 65536), chunk(2, 65536, 64), chunk(3, 0, 64)});
     EXPECT_TRUE(root.logged("CDlibInit returned with doOurOwnCryption set at: 0"));
     EXPECT_EQ(crypt(CDLIB_DECRYPT, data), data.substr(0, 65600));
     EXPECT_EQ(context.dataInBytes, 1u);
     EXPECT_EQ(crypt(CDLIB_ENCRYPT, data.substr(0, 65)), data.substr(0, 64));
     EXPECT_EQ(context.dataInBytes, 1u) << "the rest stays";
-    waitForScripts();
-    EXPECT_EQ(requests, chunkRecord(requestHead(5), 1, 65536) + chunkRecord(requestHead(5), 2, 64) +
-                            chunkRecord(requestHead(4), 3, 64));
+    EXPECT_EQ(requests(), chunkRecord(requestHead(5), 1, 65536) + data.substr(0, 65536) +
+                              chunkRecord(requestHead(5), 2, 64) + data.substr(65536, 64) +
+                              chunkRecord(requestHead(4), 3, 64) + data.substr(0, 64));
 }
 
 TEST_F(Client, RefusesAChunkThatIsNotTheAnswer) {
     cipherInService(true);
     const std::string good = resultRecord(0);
     const struct {
-        const char* what;
         std::string reply;
         int code;
         const char* text;
     } cases[] = {
-        {"stale number", chunkRecord(good, 0, 64) + noise(64, 1), -1, "outta sync: 0x0 != 0x1"},
-        {"no data", chunkRecord(good, 1, 0), -1, "no data"},
-        {"more than was sent", chunkRecord(good, 1, 96) + noise(96, 1), -1, "bad length 96"},
-        {"half a unit", chunkRecord(good, 1, 48) + noise(48, 1), -1, "bad length 48"},
-        {"cut off", chunkRecord(good, 1, 64) + noise(63, 1), -1, "short read"},
-        {"no result", good.substr(0, 79), -1, "short read"},
-        {"refused in 85 bytes", resultRecord(-8, "worn out") + "12345", -8, "worn out"},
-        {"good result in 85 bytes", resultRecord(0, "fine") + "12345", 0, "fine"},
+        {chunkRecord(good, 0, 64) + noise(64, 1), -1, "outta sync: 0x0 != 0x1"},
+        {chunkRecord(good, 1, 0), -1, "no data"},
+        {chunkRecord(good, 1, 96) + noise(96, 1), -1, "bad length 96"},
+        {chunkRecord(good, 1, 48) + noise(48, 1), -1, "bad length 48"},
+        {chunkRecord(good, 1, 64) + noise(63, 1), -1, "short read"},
+        {good.substr(0, 79), -1, "short read"},
+        {resultRecord(-8, "worn out") + "12345", -8, "worn out"},
+        {resultRecord(0, "fine") + "12345", 0, "fine"},  // its rest isn't waited for long
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        serveSession([&](Peer& peer) {
-            (void)take(peer, 96 + 64);
-            peer.send(c.reply);
-            if (c.code == 0)
-                peer.waitForEnd();  // the rest of a good reply isn't waited for long
-        });
-        ASSERT_EQ(open(), 0);
+        SCOPED_TRACE(c.text);
+        openAndPlay({{96 + 64, c.reply}}, c.code == 0);
         std::string data = noise(64, 2);
         give(data, &data);
         EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), c.code);
@@ -281,14 +259,12 @@ TEST_F(Client, RefusesAChunkThatIsNotTheAnswer) {
         EXPECT_EQ(context.dataInBytes, 64u) << "nothing counts as done";
         EXPECT_EQ(CDlibCrypt(CDLIB_ENCRYPT, &context, &result), -1) << "the connection was given up";
         EXPECT_EQ(textOf(result), "CDlibData not initialized");
-        waitForScripts();
     }
 }
 
 TEST_F(CryptoTest, CiphersItselfWithEnoughThreadsOrIfThatIsEnabled) {
     const struct {
-        const char* interrupts;
-        const char* capabilities;
+        const char *interrupts, *capabilities;
         bool isInProcess;
         const char* text;
     } cases[] = {
@@ -296,15 +272,15 @@ TEST_F(CryptoTest, CiphersItselfWithEnoughThreadsOrIfThatIsEnabled) {
         {"CPU0\nCPU1", "dedup\nencryption\n", true, "Using software: enabled"},
         {"", "encryption=no\nno encryption\n", false, "No hardware and no software; only 0 of 2 required threads"},
     };
-    const std::filesystem::path interrupts = root / "interrupts";
+    const std::filesystem::path capabilities = root / "var/opt/kestrelix/platform_capabilities";
     writeFile(root / "dev/rx9", "");
     for (const auto& c : cases) {
         forgetCipherPlace();
-        writeFile(interrupts, c.interrupts);
-        writeFile(root / "var/opt/kestrelix/platform_capabilities", c.capabilities);
-        EXPECT_EQ(cryptoAvailable(interrupts, &result), c.isInProcess);
+        writeFile(root / "interrupts", c.interrupts);
+        writeFile(capabilities, c.capabilities);
+        EXPECT_EQ(cryptoAvailable(root / "interrupts", &result), c.isInProcess);
         EXPECT_EQ(textOf(result), c.text);
-        std::filesystem::remove(root / "var/opt/kestrelix/platform_capabilities");
+        std::filesystem::remove(capabilities);
         EXPECT_EQ(cryptoAvailable("/nowhere", &result), c.isInProcess) << "what was chosen once stays";
     }
     EXPECT_TRUE(root.logged("/dev/rx9 can't do 256-bit, AES ECB encryption/decryption\n")) << "and isn't used";
