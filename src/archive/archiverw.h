@@ -46,9 +46,9 @@ inline constexpr std::uint64_t ARCHIVE_DIRECT_IO = 0x10000000;  // O_DIRECT, whe
 [[nodiscard]] ArchiveFilterPtr archive_open_backup(int backupNo, std::uint64_t clearProperties);
 
 // Reads up to `count` bytes; less only at the end of the stream, or in front of a failure, which the next call tells; 0
-// behind the end. A null buffer skips the bytes. The position is behind what was given. Data that stops in the middle of
-// a compressed block, a token or a cipher unit is given as far as it goes, and then -1 with EBADMSG. A call that failed
-// may be tried again; damage stays until a seek elsewhere.
+// behind the end. A null buffer skips the bytes. The position is behind what was given. Data that stops in the middle
+// of a compressed block, a token or a cipher unit is given as far as it goes, and then -1 with EBADMSG. A call that
+// failed may be tried again; damage stays until a seek elsewhere.
 [[nodiscard]] ssize_t archive_read(archive_filter* filter, void* buffer, std::size_t count);
 
 // Writes all of the bytes. Returns `count` or -1. With ARCHIVE_CONTINUE_ON_ERROR on, a failure of the device leaves the

@@ -5,7 +5,6 @@
 
 #include "archive/archive_internal.h"
 #include "archive/transform.h"
-#include "compression/compression_internal.h"
 #include "compression/lz4.h"
 #include "log/logger.h"
 
@@ -134,19 +133,9 @@ private:
     DqCompressionBuffer own_;
 };
 
-// What the next block can need, as the frame's header says.
-std::size_t lz4RoomFor(const DqCompressionState& state, std::span<const std::byte> input) {
-    constexpr std::size_t SIZES_AT = sizeof LZ4_MAGIC + 1;
-    if (DqCompressionInFrame(state))
-        return lz4BlockMaximum(state._impl->_engine.lz4.blockSizeCode);
-    return input.size() > SIZES_AT
-               ? lz4BlockMaximum(static_cast<unsigned>(input[SIZES_AT]) >> LZ4_CODE_SHIFT & LZ4_CODE_MASK)
-               : 0;
-}
-
 int lz4Step(Transform* transform, Step* step) {
     DqCompressionState& state = transform->compression;
-    if (step->room.size() < lz4RoomFor(state, step->input))
+    if (step->room.size() < DqCompressionNeededRoom(state, step->input))
         return TRANSFORM_NEEDS_ROOM;
     auto* const input = const_cast<std::byte*>(step->input.data());  // nothing lent is moved
     std::byte* const inputEnd = input + step->input.size();

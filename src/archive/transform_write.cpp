@@ -6,7 +6,6 @@
 #include "archive/archive_internal.h"
 #include "archive/tar_header.h"
 #include "archive/transform.h"
-#include "compression/compression_internal.h"
 #include "log/logger.h"
 
 namespace {
@@ -54,7 +53,7 @@ int put(Transform* transform, std::span<const std::byte> data, bool isEncrypting
 int compress(Transform* transform, std::span<const std::byte> data, bool isEncrypting, ArchiveBuffer* output) {
     DqCompressionState& state = transform->compression;
     while (!data.empty()) {
-        (void)dqMakeRoom(&state.inpput.buf, data.size());  // what there is will do
+        DqCompressionMakeRoom(&state.inpput, data.size());  // what there is will do
         std::size_t count = std::min(data.size(), state.inpput.buf.room());
         if (isEncrypting && count < data.size())
             count = count / CDLIB_BLOCK_SIZE * CDLIB_BLOCK_SIZE;

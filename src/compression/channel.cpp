@@ -184,3 +184,7 @@ int dqCloseChannel(DqCompressionChannel* channel) {
     channel->_fd = -1;
     return own == nullptr ? 0 : std::fclose(own);
 }
+
+void DqCompressionMakeRoom(DqCompressionChannel* channel, std::size_t count) {
+    (void)dqMakeRoom(&channel->buf, count);
+}

@@ -147,6 +147,12 @@ void DqCompressionRestart(DqCompressionState* state);
 // Whether a decompressor has begun a frame and not seen its end. If so at the end of the file, the file is cut.
 [[nodiscard]] bool DqCompressionInFrame(const DqCompressionState& state);
 
+// Clean bytes that the reader's next step can need at most, when it is given `input`; 0 if that doesn't tell yet.
+[[nodiscard]] std::size_t DqCompressionNeededRoom(const DqCompressionState& state, std::span<const std::byte> input);
+
+// Moves what the channel's buffer holds to its front if `count` more bytes don't fit otherwise; fewer may still do.
+void DqCompressionMakeRoom(DqCompressionChannel* channel, std::size_t count);
+
 // The engine that a master.ini text names, without case; null counts as "auto". Unknown texts give DQ_ENGINE_NONE.
 [[nodiscard]] DqCompressionEngineType engine_type_of(const char* name);
 

@@ -173,3 +173,12 @@ void DqCompressionRestart(DqCompressionState* state) {
 bool DqCompressionInFrame(const DqCompressionState& state) {
     return state._impl && state._impl->_engine.lz4.inFrame;
 }
+
+std::size_t DqCompressionNeededRoom(const DqCompressionState& state, std::span<const std::byte> input) {
+    constexpr std::size_t SIZES_AT = sizeof LZ4_MAGIC + 1;
+    if (DqCompressionInFrame(state))
+        return lz4BlockMaximum(state._impl->_engine.lz4.blockSizeCode);
+    return input.size() > SIZES_AT
+               ? lz4BlockMaximum(static_cast<unsigned>(input[SIZES_AT]) >> LZ4_CODE_SHIFT & LZ4_CODE_MASK)
+               : 0;
+}
