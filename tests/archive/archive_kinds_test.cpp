@@ -90,7 +90,8 @@ TEST_F(ArchiveKinds, RandomReadsSkipsAndSeeksGiveThePlainBytes) {
     logLittle();
     const char* const buffers[] = {"",
                                    "devbufsize_archiverw=4096\ndecompressBlockSize_archiverw=1000\n"
-                                   "decryptBlockSize_archiverw=1000\nreadAheadLowWaterMark_archiverw=-1\n"};
+                                   "decryptBlockSize_archiverw=1000\nreadAheadLowWaterMark_archiverw=-1\n"
+                                   "inlineCryption=false\n"};
     for (const Kind& kind : KINDS)
         for (const std::size_t size : {0u, 1u, 513u, 32u, 131072u, 1500000u / 32 * 32})
             for (const char* buffer : buffers) {

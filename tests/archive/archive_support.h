@@ -28,7 +28,8 @@ protected:
 
     void configure(const std::string& engine, const std::string& more = "CompressionSegmentKB=1\n") {
         forgetCipherPlace();
-        root.masterIni("[Configuration Options]\ninlineCryption=true\nCompressEngine=" + engine + "\n" + more);
+        const char* const place = more.find("inlineCryption") == std::string::npos ? "inlineCryption=true\n" : "";
+        root.masterIni("[Configuration Options]\n" + (place + ("CompressEngine=" + engine)) + "\n" + more);
     }
     void needKeyService() {
         writeFile(root / "var/opt/kestrelix/platform_capabilities", "encryption\n");

@@ -9,6 +9,7 @@
 #include <csignal>
 
 #include "archive_support.h"
+#include "base/file_descriptor.h"
 #include "log/logger.h"
 #include "support/bytes.h"
 
@@ -79,8 +80,13 @@ TEST_F(ArchiveWriting, OtherToolsReadTheDataOfAllSizes) {
                     ASSERT_EQ(archive_close(&filter), 0);
                     EXPECT_FALSE(filter);
                     std::string data = dataPart();
-                    if ((properties & ZIPPED) != 0)
+                    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+                    std::string error;
+                    if ((properties & ZIPPED) != 0) {
+                        for (const std::int64_t entry : LoadCompressionIndex(file.get(), &error)->entries)
+                            EXPECT_TRUE(data.substr(static_cast<std::size_t>(entry)).starts_with(data.substr(0, 3)));
                         data = through(root, data, engine[0] == 'z' ? "zcat in" : "lz4 -dc in");
+                    }
                     if ((properties & LOCKED) != 0)
                         data = decryptedByTool(data);
                     EXPECT_TRUE(data == bytes) << data.size();
