@@ -83,7 +83,9 @@ TEST_F(ArchiveWriting, OtherToolsReadTheDataOfAllSizes) {
                     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
                     std::string error;
                     if ((properties & ZIPPED) != 0) {
-                        for (const std::int64_t entry : LoadCompressionIndex(file.get(), &error)->entries)
+                        const auto index = LoadCompressionIndex(file.get(), &error);
+                        ASSERT_TRUE(index) << error;
+                        for (const std::int64_t entry : index->entries)
                             EXPECT_TRUE(data.substr(static_cast<std::size_t>(entry)).starts_with(data.substr(0, 3)));
                         data = through(root, data, engine[0] == 'z' ? "zcat in" : "lz4 -dc in");
                     }
