@@ -263,6 +263,7 @@ TEST_F(ArchiveWriting, WrongUseIsRefused) {
     EXPECT_EQ(archive_read(filter.get(), &byte, 1), -1);
     for (const auto& [offset, whence] :
          {std::pair{off_t{3}, SEEK_SET}, {0, SEEK_END}, {LONG_MAX, SEEK_CUR}, {-7, SEEK_CUR}}) {
+        errno = 0;
         EXPECT_EQ(archive_seek(filter.get(), offset, whence), -1);
         EXPECT_EQ(errno, EINVAL);
     }
