@@ -1,13 +1,10 @@
 // What the file's side does to a reader: calls that fail, are interrupted or come short, blocks, and several volumes.
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
-
-#include <cerrno>
 
 #include "archive_support.h"
 #include "lab/process.h"
 #include "log/logger.h"
+#include "support/test.h"
 
 namespace {
 

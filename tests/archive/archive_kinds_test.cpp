@@ -1,13 +1,8 @@
 // What comes out of a file of every kind: random access, sequences of streams, tokens, and damage.
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstring>
 
 #include "archive_support.h"
 #include "log/logger.h"
+#include "support/test.h"
 
 namespace {
 

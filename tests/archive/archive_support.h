@@ -1,17 +1,11 @@
 // archive_support.h - backup files of every kind on a real disk, and the key service that the encrypted ones need.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "archive/archiverw.h"
 #include "crypto/libCryptoDaemon_internal.h"
 #include "support/compressed.h"
 #include "support/key_service.h"
+#include "support/test.h"
 
 namespace testsupport {
 

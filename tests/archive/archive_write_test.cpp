@@ -1,17 +1,10 @@
 // What a written file is: for other people's tools, on the disk, and when the disk is full.
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <climits>
-#include <csignal>
 
 #include "archive_support.h"
 #include "base/file_descriptor.h"
 #include "log/logger.h"
 #include "support/bytes.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,13 +1,9 @@
 // Plain files: what stays in memory, what is refused, and what callers can ask for.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <climits>
 
 #include "archive_support.h"
 #include "support/bytes.h"
 #include "support/catalogue.h"
+#include "support/test.h"
 
 namespace {
 

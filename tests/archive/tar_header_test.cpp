@@ -1,13 +1,7 @@
 #include "archive/tar_header.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cstdio>
-#include <cstring>
-#include <string>
-
 #include "support/root.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,8 @@
 #include "bookkeeping/progress.h"
 
-#include <unistd.h>
-
-#include <thread>
-
 #include "base/job_gate.h"
 #include "support/catalogue_fixture.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include "bookkeeping/replicationQueue.h"
 
-#include <chrono>
-
 #include "support/catalogue_fixture.h"
+#include "support/test.h"
 
 namespace {
 

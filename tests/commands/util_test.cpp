@@ -1,14 +1,9 @@
 // The operator's command line, as a process: what it prints and how it ends.
 
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-
 #include "base/run_command.h"
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
+#include "support/test.h"
 
 namespace testsupport {
 namespace {

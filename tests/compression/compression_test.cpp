@@ -1,17 +1,10 @@
 #include "compression/compression.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-
-#include <cerrno>
-#include <cstring>
-#include <memory>
-#include <vector>
-
 #include "base/file_descriptor.h"
 #include "base/releaser.h"
 #include "log/logger.h"
 #include "support/compressed.h"
+#include "support/test.h"
 
 namespace {
 

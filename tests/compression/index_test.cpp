@@ -1,15 +1,10 @@
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <vector>
 
 #include "base/file_descriptor.h"
 #include "compression/compression.h"
 #include "log/logger.h"
 #include "support/compressed.h"
+#include "support/test.h"
 
 namespace {
 

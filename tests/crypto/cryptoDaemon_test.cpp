@@ -1,21 +1,11 @@
 // The cipher and the whole road, with the real key service and the openssl command as the judge.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <fstream>
-#include <future>
-#include <thread>
 
 #include "base/paths.h"
 #include "base/run_command.h"
 #include "crypto/crypto.h"
 #include "crypto/crypto_fixture.h"
 #include "support/key_service.h"
+#include "support/test.h"
 
 namespace testsupport {
 namespace {

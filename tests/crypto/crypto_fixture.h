@@ -2,15 +2,12 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
 
 #include "crypto/libCryptoDaemon_internal.h"
 #include "support/bytes.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 
 namespace testsupport {
 

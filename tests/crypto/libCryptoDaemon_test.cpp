@@ -1,10 +1,8 @@
 // The client's side of each exchange, against a service that says what a test wants.
-#include <chrono>
-#include <climits>
-#include <vector>
 
 #include "config/directories.h"
 #include "crypto/crypto_fixture.h"
+#include "support/test.h"
 
 namespace testsupport {
 namespace {

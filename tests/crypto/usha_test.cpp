@@ -1,11 +1,7 @@
 #include "crypto/usha.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <string_view>
-
 #include "support/bytes.h"
+#include "support/test.h"
 
 namespace {
 

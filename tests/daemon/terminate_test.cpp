@@ -1,14 +1,9 @@
 // Replications that are ended from outside, and the table of workers.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-
 #include "base/signals.h"
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
+#include "support/test.h"
 #include "worker/worker.h"
 
 namespace testsupport {

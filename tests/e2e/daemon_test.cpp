@@ -1,11 +1,7 @@
 // The daemon as a process: start, stop, a second one, its settings.
 
-#include <csignal>
-#include <fstream>
-
-#include <unistd.h>
-
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

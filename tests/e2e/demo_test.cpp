@@ -1,9 +1,9 @@
 // What the README promises of the demo and of the lab that one works with by hand.
 
-#include <fstream>
 #include <regex>
 
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

@@ -1,8 +1,6 @@
 #include "e2e/e2e_fixture.h"
 
-#include <fstream>
-#include <random>
-#include <thread>
+#include "support/test.h"
 
 namespace e2e {
 namespace {

@@ -1,15 +1,9 @@
 // e2e_fixture.h - one lab for all end-to-end tests of the program, made new before each of them.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <string>
-
 #include "bookkeeping/replicationQueue.h"
 #include "lab/lab.h"
+#include "support/test.h"
 
 namespace e2e {
 

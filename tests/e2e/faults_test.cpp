@@ -1,9 +1,7 @@
 // Whole jobs with something going wrong: what was acknowledged stays, and the job comes through in the end.
 
-#include <csignal>
-#include <fstream>
-
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

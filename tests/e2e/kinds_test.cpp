@@ -1,8 +1,7 @@
 // Whole jobs on backups whose files are compressed, encrypted, or both.
 
-#include <csignal>
-
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

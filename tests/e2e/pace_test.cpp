@@ -1,9 +1,8 @@
 // How fast a worker may send, seen from the line.
 
-#include <thread>
-
 #include "e2e/e2e_fixture.h"
 #include "lab/proxy.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

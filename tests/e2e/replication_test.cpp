@@ -1,10 +1,7 @@
 // Whole jobs on real appliances, as they should go.
 
-#include <algorithm>
-#include <fstream>
-#include <sstream>
-
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

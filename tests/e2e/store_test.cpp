@@ -1,11 +1,7 @@
 // A backup whose blocks lie in the single instance store alone.
 
-#include <sys/stat.h>
-
-#include <cstring>
-#include <fstream>
-
 #include "e2e/e2e_fixture.h"
+#include "support/test.h"
 
 namespace e2e {
 namespace {

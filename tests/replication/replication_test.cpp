@@ -1,9 +1,7 @@
 #include "replication/replication.h"
 
-#include <filesystem>
-#include <thread>
-
 #include "support/catalogue_fixture.h"
+#include "support/test.h"
 
 namespace {
 

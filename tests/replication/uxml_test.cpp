@@ -1,13 +1,9 @@
 #include "replication/uxml.h"
 
-#include <gtest/gtest.h>
 #include <libxml/parser.h>
 
-#include <climits>
-#include <cstring>
-#include <memory>
-
 #include "base/releaser.h"
+#include "support/test.h"
 
 namespace {
 

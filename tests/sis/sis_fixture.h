@@ -1,19 +1,12 @@
 // sis_fixture.h - a store of small files on disks of the test's root.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "sis/SIS.h"
 #include "support/bytes.h"
 #include "support/catalogue.h"
 #include "support/key_service.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -1,13 +1,9 @@
 // The info file: its bytes, its devices, and what is refused.
 
-#include <fcntl.h>
-#include <sys/file.h>
-
-#include <tuple>
-
 #include "base/file_descriptor.h"
 #include "sis/lookup3.h"
 #include "sis_fixture.h"
+#include "support/test.h"
 
 namespace {
 

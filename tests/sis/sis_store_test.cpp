@@ -1,21 +1,10 @@
 // Reserving, writing and reading, by one process and by several, and what a death or a full disk leaves.
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <fstream>
-#include <future>
-#include <thread>
 
 #include "base/file_descriptor.h"
 #include "sis_fixture.h"
+#include "support/test.h"
 
 namespace {
 

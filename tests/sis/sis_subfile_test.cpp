@@ -1,9 +1,8 @@
 // Blocks in the store: which are compressed, how they come back, and what damage does.
 
-#include <sys/wait.h>
-
 #include "sis/SIScompLZ4.h"
 #include "sis_fixture.h"
+#include "support/test.h"
 
 namespace {
 

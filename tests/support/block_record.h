@@ -1,14 +1,9 @@
 // block_record.h - records of blocks.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "block/hash_context.h"
 #include "block/hash_value.h"
+#include "support/test.h"
 
 namespace testsupport {
 

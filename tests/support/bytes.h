@@ -1,14 +1,10 @@
 // bytes.h - bytes without a pattern, text as bytes, and waiting for a condition.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <random>
 #include <span>
-#include <string>
-#include <thread>
+
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -1,17 +1,10 @@
 #include "support/catalogue.h"
 
-#include <gtest/gtest.h>
 #include <libpq-fe.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <stdexcept>
-#include <thread>
 
 #include "base/releaser.h"
 #include "lab/cluster.h"
+#include "support/test.h"
 
 namespace testsupport {
 namespace {

@@ -1,8 +1,7 @@
 // catalogue.h - a real PostgreSQL with the appliance's catalogue, one cluster a test program.
 #pragma once
 
-#include <string>
-#include <string_view>
+#include "support/test.h"
 
 namespace testsupport {
 

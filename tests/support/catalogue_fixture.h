@@ -1,14 +1,11 @@
 // catalogue_fixture.h - an empty catalogue, and backups in it.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "bookkeeping/common.h"
 #include "database/pghelper.h"
 #include "support/catalogue.h"
 #include "support/root.h"
+#include "support/test.h"
 
 class CatalogueTest : public testing::Test {
 protected:

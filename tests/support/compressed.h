@@ -1,16 +1,9 @@
 // compressed.h - test data, other people's tools, and short ways through a compression state.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <random>
-#include <string>
-
 #include "compression/compression.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace testsupport {
 

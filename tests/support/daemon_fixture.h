@@ -1,19 +1,6 @@
 // daemon_fixture.h - one appliance for a test: catalogue, tools, backups with their device; and the target it talks to.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "bookkeeping/common.h"
 #include "config/settings.h"
 #include "daemon/daemon.h"
@@ -23,6 +10,7 @@
 #include "support/catalogue.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
+#include "support/test.h"
 #include "worker/configuration.h"
 #include "worker/statistics.h"
 #include "worker/worker_table.h"

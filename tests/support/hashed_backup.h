@@ -1,13 +1,8 @@
 // hashed_backup.h - backups whose blocks are hashed in a real catalogue and lie in real backup files.
 #pragma once
 
-#include <filesystem>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
-
 #include "hash/hash_fixture.h"
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -1,13 +1,10 @@
 // key_service.h - the real key service on a test's root, and files as it seals them.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "crypto/libCryptoDaemon.h"
 #include "lab/process.h"
 #include "support/root.h"
+#include "support/test.h"
 
 namespace testsupport {
 

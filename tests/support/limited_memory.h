@@ -2,11 +2,10 @@
 // test program includes it.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <new>
+
+#include "support/test.h"
 
 // The largest piece of memory that can be had.
 inline std::atomic<std::size_t> g_largestPiece = SIZE_MAX;

@@ -1,17 +1,9 @@
 #include "support/root.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <chrono>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-
 #include "base/paths.h"
 #include "config/directories.h"
 #include "log/logger.h"
+#include "support/test.h"
 
 namespace testsupport {
 

@@ -1,9 +1,7 @@
 // root.h - a root prefix of its own for one test: directories, dq.ini, master.ini, and the log as text.
 #pragma once
 
-#include <filesystem>
-#include <string>
-#include <string_view>
+#include "support/test.h"
 
 namespace testsupport {
 

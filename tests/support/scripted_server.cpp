@@ -1,14 +1,9 @@
 #include "support/scripted_server.h"
 
+#include "support/test.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <stdexcept>
 
 namespace testsupport {
 namespace {

@@ -4,19 +4,11 @@
 // connections come, then the standing one. Every request is recorded as it came over the wire.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <functional>
 #include <list>
-#include <map>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include "base/file_descriptor.h"
+#include "support/test.h"
 
 namespace testsupport {
 

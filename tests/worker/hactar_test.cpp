@@ -2,11 +2,10 @@
 
 #include "worker/hactar.h"
 
-#include <filesystem>
-
 #include "config/directories.h"
 #include "support/daemon_fixture.h"
 #include "support/key_service.h"
+#include "support/test.h"
 
 namespace testsupport {
 namespace {

@@ -1,17 +1,12 @@
 // How a worker ends on a signal: at once for all that others can see, and with everything that it started.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-
 #include "base/run_command.h"
 #include "block/signal_catch.h"
 #include "bookkeeping/replicationQueue.h"
 #include "config/settings.h"
 #include "rest/lifecycle.h"
 #include "support/daemon_fixture.h"
+#include "support/test.h"
 #include "worker/job.h"
 #include "worker/stop_thread.h"
 #include "worker/worker.h"

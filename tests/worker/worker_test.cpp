@@ -1,12 +1,11 @@
 // Whole jobs against a target that says what each ending needs.
 
-#include <filesystem>
-
+#include "worker/worker.h"
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
 #include "support/limited_memory.h"
+#include "support/test.h"
 #include "worker/job.h"
-#include "worker/worker.h"
 
 namespace testsupport {
 namespace {
