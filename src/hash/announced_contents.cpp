@@ -50,11 +50,11 @@ void fillRecord(const PGresult* rows, int row, hashValue* record) {
 void takeRows(hashedContents* handle, const Records& sorted, const PGresult* rows) {
     for (int row = 0; row < PQntuples(rows); ++row) {
         const std::uint64_t hashID = number(rows, row, 0);
-        const auto found = std::ranges::equal_range(sorted, hashID, {}, &hashValue::hashID);
-        if (found.empty() || found.front()->hashedLength != number(rows, row, 1))
+        auto found = std::ranges::lower_bound(sorted, hashID, {}, &hashValue::hashID);
+        if (found == sorted.end() || (*found)->hashID != hashID || (*found)->hashedLength != number(rows, row, 1))
             continue;
-        for (hashValue* record : found)
-            fillRecord(rows, row, record);
+        for (; found != sorted.end() && (*found)->hashID == hashID; ++found)
+            fillRecord(rows, row, *found);
         if (PQgetisnull(rows, row, 2) != 0 && PQgetisnull(rows, row, 3) == 0)
             handle->confirmed.push_back({hashID, static_cast<std::int64_t>(number(rows, row, 3))});
     }
