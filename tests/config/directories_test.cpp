@@ -137,22 +137,15 @@ TEST_F(Directories, NiceClassSetsThePriority) {
 
 TEST_F(Directories, LightStartFallsBackStepByStep) {
     const std::string directory = root / "tmp/app";
-    const struct {
-        const char* key;
-        int result;
-        std::string appdir;
-        std::string below;
-    } cases[] = {
+    const std::string dqIni = root / "etc/default/x.ini";
+    const std::tuple<const char*, int, std::string, std::string> cases[] = {
         {"DQDIR", 0, directory, "/dqinit"}, {"APPDIR", 0, directory, "/config"}, {"none", -1, install(), "/config"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.key);
-        const std::string dqIni = root / "etc/default/x.ini";
-        writeFile(dqIni, std::string("[Location Information]\n") + c.key + "=" + directory + "\n[Debugging]\nprog=5\n");
+    for (const auto& [key, result, appdir, below] : cases) {
+        writeFile(dqIni, std::string("[Location Information]\n") + key + "=" + directory + "\n[Debugging]\nprog=5\n");
         log_level = 1;
-        EXPECT_EQ(init_globals("/some/prog", "x.ini", install().c_str()), c.result);
-        EXPECT_EQ(g_appdir, c.appdir);
-        EXPECT_EQ(g_initdir, c.appdir + c.below);
-        EXPECT_EQ(g_logdir, c.appdir + "/logs.dir");
+        EXPECT_EQ(init_globals("/some/prog", "x.ini", install().c_str()), result) << key;
+        EXPECT_EQ(g_initdir, appdir + below);
+        EXPECT_EQ(g_logdir, appdir + "/logs.dir");
         EXPECT_EQ(g_master_ini, dqIni);  // master.ini is not there, so the bootstrap file serves
         EXPECT_EQ(log_level, 5);
     }
@@ -162,9 +155,8 @@ TEST_F(Directories, LightStartFallsBackStepByStep) {
     root.masterIni("[S]\nk=v\nmissing=\nmarked=N/A\n");
     EXPECT_EQ(get_config_value("S", "k", &value), 0);
     EXPECT_EQ(value, "v");
-    EXPECT_EQ(get_config_value("S", "missing", &value), -1);
-    EXPECT_EQ(get_config_value("S", "marked", &value), -1);
-    EXPECT_EQ(get_config_value("S", "absent", &value), -1);
+    for (const char* key : {"missing", "marked", "absent"})
+        EXPECT_EQ(get_config_value("S", key, &value), -1) << key;
 }
 
 TEST_F(Directories, ProgramAndCallNamesKeepWithinTheirLimits) {
