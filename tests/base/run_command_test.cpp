@@ -78,13 +78,6 @@ TEST(RunCommand, ChildLeadsAGroupAndInheritsOnlyTheDescriptorThatItIsGiven) {
     EXPECT_NE(fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0) << "the next command must not inherit it";
 }
 
-bool comesTrue(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return condition();
-}
-
 TEST(RunCommand, AllThatItStartedEndsWithItsJobAndNothingNewBegins) {
     for (const char* const trap : {"", "trap '' TERM;"}) {
         SCOPED_TRACE(trap);
@@ -97,12 +90,12 @@ TEST(RunCommand, AllThatItStartedEndsWithItsJobAndNothingNewBegins) {
             status = runCommand(std::string("sh -c \"") + trap + " echo \\$\\$ >" + pidFile +
                                 "; while :; do sleep 0.01; done\" & wait");
         });
-        ASSERT_TRUE(comesTrue([&] { return testsupport::readFile(pidFile).ends_with("\n"); }));
+        ASSERT_TRUE(testsupport::eventually([&] { return testsupport::readFile(pidFile).ends_with("\n"); }));
         const std::string stat = "/proc/" + std::to_string(std::stoi(testsupport::readFile(pidFile))) + "/stat";
         closeJobGate();
         std::thread second([&] { EXPECT_EQ(runCommand("touch " + later), 0); });
         endCommands(std::chrono::milliseconds(100));
-        EXPECT_TRUE(comesTrue([&] {
+        EXPECT_TRUE(testsupport::eventually([&] {
             const std::string text = testsupport::readFile(stat);
             return text.empty() || text.find(") Z ") != std::string::npos;
         }));
