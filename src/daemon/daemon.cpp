@@ -101,11 +101,12 @@ bool loop() {
     return false;
 }
 
-// Standard error goes before the last steps; a log on it moves away first, so that no line meets a closed stream.
+// Standard error is closed before the last steps; a log on it moves away first, and what the log itself may still have
+// to say goes to /dev/null, so that nothing meets a closed stream.
 void leave() {
     if (log_stream(nullptr) == stderr)
         (void)log_stream(fopen("/dev/null", "we"));
-    (void)fclose(stderr);
+    (void)!freopen("/dev/null", "we", stderr);
     detachBandwidthTable();
     curl_global_cleanup();
 }
