@@ -113,19 +113,6 @@ TEST_F(Services, BackupTypesMapToPublicNumbers) {
         EXPECT_EQ(public_backup_type(type, properties, sql, restore), shown) << type << ' ' << sql << ' ' << restore;
 }
 
-TEST_F(Services, NodeNameIsCutAndTerminated) {
-    char whole[256];
-    mynodename(whole, sizeof(whole));
-    char host[256];
-    ASSERT_EQ(gethostname(host, sizeof(host)), 0);
-    const std::string expected = std::string(host).substr(0, std::string(host).find('.'));
-    EXPECT_EQ(whole, expected);
-    char small[3] = {'x', 'x', 'x'};
-    mynodename(small, 2);  // too small for most names: gethostname refuses, uname serves
-    EXPECT_EQ(small, expected.substr(0, 1));
-    EXPECT_EQ(small[2], 'x');
-}
-
 TEST_F(Services, ErrorsAreKeptByClassWithTheirTexts) {
     writeFile(root / "tmp/g.ini", "[General]\n5=No media\n[Network]\n1=Line down\n");
     init_gerror((root / "tmp/g.ini").c_str());
