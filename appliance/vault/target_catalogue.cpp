@@ -203,6 +203,7 @@ std::vector<std::int64_t> TargetCatalogue::building() {
     const PgResultPtr rows =
         query(pgVExec("SELECT backup_no FROM backups WHERE (status & %u) <> 0", static_cast<unsigned>(ST_BUILDING)));
     std::vector<std::int64_t> numbers;
+    numbers.reserve(static_cast<std::size_t>(pgTuples(rows.get())));
     for (int row = 0; row < pgTuples(rows.get()); ++row)
         numbers.push_back(pgIVal(rows.get(), row, "backup_no"));
     return numbers;

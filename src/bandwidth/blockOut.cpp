@@ -18,6 +18,8 @@
 
 namespace {
 
+void* const NOT_ATTACHED = reinterpret_cast<void*>(-1);  // NOLINT(performance-no-int-to-ptr): shmat's failure
+
 constexpr int PROJECT_ID = 's';
 constexpr int CREATE_FLAGS = IPC_CREAT | 0600;
 constexpr int CREATE_ATTEMPTS = 2;
@@ -78,7 +80,7 @@ int createAndAttach(BandwidthHandle* handle) {
         return -1;
     }
     void* const address = shmat(id, nullptr, 0);
-    if (address == reinterpret_cast<void*>(-1)) {
+    if (address == NOT_ATTACHED) {
         LOG_HERE(0, "Can't attach to shared memory %d: %s\n", id, strerror(errno));
         return -1;
     }
@@ -136,7 +138,7 @@ BandwidthHandle* getBandwidthHandle() {
     detach(made.get());
     if (keepThreadRecord(g_key, made.get()) == -1)
         return nullptr;
-    return made.release();
+    return made.release();  // NOLINT(clang-analyzer-unix.Malloc): the key's destructor frees it
 }
 
 int createBandwidthTable() {
@@ -164,7 +166,7 @@ void attachBandwidthTable(int shmid) {
     if (shmid < 0)
         return;  // there is no shared table
     void* const address = shmat(shmid, nullptr, SHM_RDONLY);
-    if (address == reinterpret_cast<void*>(-1)) {
+    if (address == NOT_ATTACHED) {
         LOG_HERE(0, "Can't attach to shared memory %d: %s\n", shmid, strerror(errno));
         return;
     }

@@ -70,7 +70,7 @@ int readTimeout() {
 class PhaseThreads {
 public:
     PhaseThreads(ThreadBuffer* shared, const ThreadCounts& wanted) : shared_(*shared) {
-        threads_.reserve(static_cast<std::size_t>(wanted.read + wanted.send));
+        threads_.reserve(static_cast<std::size_t>(wanted.read) + static_cast<std::size_t>(wanted.send));
         read_ = start(wanted.read, readThread, "Failed to create read thread");
         send_ = start(wanted.send, sendThread, "Failed to create send thread");
     }

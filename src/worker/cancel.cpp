@@ -11,7 +11,7 @@
 namespace {
 
 constexpr const char* UNKNOWN_IDENTITY = "tempUUID";
-constexpr std::string_view TERMINATED_TEXT("backup operation terminated", 28);  // its NUL travels too
+constexpr std::string_view TERMINATED_TEXT{"backup operation terminated\0", 28};  // its NUL travels too
 
 }  // namespace
 
