@@ -7,7 +7,6 @@
 #include "support/bytes.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
-#include "support/test.h"
 
 namespace testsupport {
 
@@ -66,6 +65,8 @@ protected:
                        "\n");
     }
 
+    // A call's code, and the text of the result.
+    std::string said(int code) { return std::to_string(code) + " " + textOf(result); }
     // What the context is to cipher, and where to.
     void give(const std::string& in, std::string* out) {
         context.nextDataInPtr = bytesOf(in).data();
