@@ -7,11 +7,7 @@ namespace {
 TEST(Usha, GivesThePublishedDigestsWithOneContext) {
     constexpr std::string_view TWO_BLOCKS = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
     const std::tuple<int, std::string_view, std::string> cases[] = {
-        {USHA_SHA1, "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
-        {USHA_SHA224, "abc", "23097d223405d8228642a477bda255b32aadbce4bda0b3f7e36c9da7"},
         {USHA_SHA256, TWO_BLOCKS, "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
-        {USHA_SHA384, "abc",
-         "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca134c825a7"},
         {USHA_SHA512, "abc",
          "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
          "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
