@@ -1,12 +1,11 @@
 // sis_fixture.h - a store of small files on disks of the test's root.
 #pragma once
 
+#include "base/file_descriptor.h"
 #include "sis/SIS.h"
 #include "support/bytes.h"
 #include "support/catalogue.h"
 #include "support/key_service.h"
-#include "support/root.h"
-#include "support/test.h"
 
 namespace testsupport {
 
@@ -60,6 +59,12 @@ protected:
         writeFile(info(), page);
     }
     std::filesystem::path info() const { return root / "backups/SISinfo"; }
+    // Another process that has the store open, to openers' eyes.
+    FileDescriptor beside() const {
+        FileDescriptor other(open(info().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(flock(other.get(), LOCK_SH), 0);
+        return other;
+    }
 
     template <typename T>
     T inInfo(std::size_t at) const {
