@@ -5,9 +5,23 @@
 #include "crypto/libCryptoDaemon_internal.h"
 #include "support/compressed.h"
 #include "support/key_service.h"
-#include "support/test.h"
 
 namespace testsupport {
+
+inline constexpr std::uint64_t ZIPPED = ARCHIVE_MAYBE_COMPRESSED;
+inline constexpr std::uint64_t LOCKED = ARCHIVE_ENCRYPTED;
+
+struct Kind {
+    const char* engine;
+    std::uint64_t properties;
+
+    // For failures.
+    [[nodiscard]] std::string name() const { return engine + (" " + std::to_string(properties)); }
+};
+inline constexpr Kind KINDS[] = {{"zlib", 0},      {"zlib", ZIPPED},          {"lz4", ZIPPED},
+                                 {"zlib", LOCKED}, {"zlib", LOCKED | ZIPPED}, {"lz4", LOCKED | ZIPPED}};
+
+inline const std::string BAD = "failed " + std::to_string(EBADMSG);
 
 // Direct I/O needs a real file system; the temporary directory may be memory.
 class ArchiveFile : public ::testing::Test {
@@ -31,6 +45,19 @@ protected:
             keyService = std::make_unique<lab::Process>(startKeyService(root));
     }
 
+    void makeBackup(const Kind& kind, const std::string& bytes, const std::string& more = "") {
+        configure(kind.engine, more);
+        makeBackup(bytes, kind.properties);
+    }
+    static ssize_t put(archive_filter* filter, const std::string& bytes) {
+        return archive_write(filter, bytes.data(), bytes.size());
+    }
+    // Up to so many bytes, or "failed" and errno.
+    static std::string readUpTo(archive_filter* filter, std::size_t count) {
+        std::string bytes(count, '?');
+        const ssize_t got = archive_read(filter, bytes.data(), count);
+        return got == -1 ? "failed " + std::to_string(errno) : bytes.substr(0, static_cast<std::size_t>(got));
+    }
     ArchiveFilterPtr create(std::uint64_t properties) {
         std::filesystem::remove(path);
         return archive_open(path.c_str(), "w", properties);
@@ -38,8 +65,7 @@ protected:
     // A whole backup in one go.
     void makeBackup(const std::string& bytes, std::uint64_t properties) {
         ArchiveFilterPtr filter = create(properties);
-        ASSERT_TRUE(filter);
-        ASSERT_EQ(archive_write(filter.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(put(filter.get(), bytes), static_cast<ssize_t>(bytes.size()));
         ASSERT_EQ(archive_close(&filter), 0);
     }
     ArchiveFilterPtr reopen(std::uint64_t properties) const { return archive_open(path.c_str(), "r", properties); }
@@ -51,12 +77,9 @@ protected:
     }
     static std::string restOf(archive_filter* filter, std::size_t piece = 1 << 20) {
         std::string all;
-        std::string bytes(piece, '?');
-        for (ssize_t got; (got = archive_read(filter, bytes.data(), piece)) != 0;) {
-            if (got == -1)
-                return "failed " + std::to_string(errno);
-            all.append(bytes, 0, static_cast<std::size_t>(got));
-        }
+        for (std::string got; !(got = readUpTo(filter, piece)).empty(); all += got)
+            if (got.starts_with("failed "))
+                return got;
         return all;
     }
 
