@@ -4,7 +4,9 @@
 #include "compression/compression.h"
 #include "log/logger.h"
 #include "support/compressed.h"
-#include "support/test.h"
+
+// Options name only what is other than usual.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace {
 
@@ -66,28 +68,24 @@ void expectEntriesLead(const compression_index& index, const std::string& file, 
 
 TEST_F(CompressionIndex, EntriesAreTheStartsOfTheirChunks) {
     log_level = 5;
-    const struct {
-        std::size_t size, block, segment;
-    } cases[] = {{1, 0, 0},
-                 {131072, 0, 0},
-                 {131073, 65536, 0},
-                 {12000000, 65536, 0},
-                 {700000, 100000, 262144},
-                 {300000, 1024, 1024},
-                 {20000 * 1024 + 5, 1024, 1024}};  // the last has more entries than the padding
+    const std::tuple<std::size_t, std::size_t, std::size_t> cases[] = {
+        // size, block, segment
+        {1, 0, 0},
+        {131072, 0, 0},
+        {131073, 65536, 0},
+        {12000000, 65536, 0},
+        {700000, 100000, 262144},
+        {300000, 1024, 1024},
+        {20000 * 1024 + 5, 1024, 1024}};  // the last has more entries than the padding
     for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4})
-        for (const auto& c : cases) {
-            SCOPED_TRACE(std::to_string(engine) + " size " + std::to_string(c.size) + " block " +
-                         std::to_string(c.block));
-            const std::string data = contentOf(Content::mixed, c.size);
-            DqCompressionOptions options;
-            options.blockOctets = c.block;
-            options.segmentOctets = c.segment;
-            const std::string file = compressed(data, engine, options);
+        for (const auto& [size, block, segment] : cases) {
+            SCOPED_TRACE(std::to_string(engine) + " size " + std::to_string(size) + " block " + std::to_string(block));
+            const std::string data = contentOf(Content::mixed, size);
+            const std::string file = compressed(data, engine, {.blockOctets = block, .segmentOctets = segment});
             const auto index = load(file);
             ASSERT_TRUE(index) << error;
-            EXPECT_EQ(index->chunkSize, c.segment == 0 ? DQ_DEFAULT_SEGMENT : c.segment);
-            expectEntriesLead(*index, file, data, engine, c.size > 20000000 ? 41 : 1);
+            EXPECT_EQ(index->chunkSize, segment == 0 ? DQ_DEFAULT_SEGMENT : segment);
+            expectEntriesLead(*index, file, data, engine, size > 20000000 ? 41 : 1);
         }
 }
 
@@ -165,10 +163,7 @@ TEST_F(CompressionIndex, DamagedIndexesAreRefused) {
     const std::string one = good.substr(0, good.size() - TABLE);
     std::string flipped = good;
     flipped[header + FRAME + 8] ^= 1;
-    const struct {
-        std::string file;
-        const char* error;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"", "lseek64(, -32, SEEK_CUR): Invalid argument"},
         {std::string(31, 'x'), "lseek64(, -32, SEEK_CUR)"},
         {std::string(32, 'x'), "bad magic\n"},
@@ -187,12 +182,11 @@ TEST_F(CompressionIndex, DamagedIndexesAreRefused) {
         {withFrame(one, header, "ae9b77131072  112"), "bad index version"},
         {withFrame(one, header, "ae9b770       111"), "bad index chunk size"},
         {withFrame(one, header, "ae9b77        111"), "bad index chunk size"},
-        {flipped, "bad index checksum"},
-    };
-    for (const auto& c : cases) {
+        {flipped, "bad index checksum"}};
+    for (const auto& [file, said] : cases) {
         root.clearLog();
-        EXPECT_FALSE(load(c.file)) << c.error;
-        EXPECT_THAT(error, HasSubstr(c.error));
+        EXPECT_FALSE(load(file)) << said;
+        EXPECT_THAT(error, HasSubstr(said));
         EXPECT_TRUE(root.logged("failed to read index: " + error.substr(0, error.find('\n')))) << root.log();
     }
     EXPECT_FALSE(load(compressed("", DQ_ENGINE_LZ4))) << "a table without entries";
