@@ -99,8 +99,8 @@ TEST_F(ArchiveWriting, NothingWrittenIsAnEmptyFile) {
 
 TEST_F(ArchiveWriting, SeeksLeaveHolesOrZeros) {
     needKeyService();
+    // Bytes in front of the seek, bytes it goes on, whether it leaves a hole.
     const std::tuple<const char*, std::uint64_t, std::size_t, off_t, bool> cases[] = {
-        // bytes in front of the seek, bytes it goes on, whether it leaves a hole
         {"a block", 0, 100, 4096, false},
         {"over a block", 0, 100, 5 << 20, true},
         {"from the start", 0, 0, (5 << 20) + 77, true},

@@ -45,8 +45,8 @@ TEST(TarHeader, HeadersOfTarItselfAreHeaders) {
 
 TEST(TarHeader, WhatIsAHeaderAndWhatIsNot) {
     TestRoot root;
+    // Null for a header, else why it is none.
     const std::tuple<const char*, Header, const char*> cases[] = {
-        // null for a header, else why it is none
         {"plain", plain().sum(), nullptr},
         {"sentinel", Header().put(TAR_CHECKSUM, "0000400"), nullptr},
         {"nothing at all", Header(), "checksum"},
@@ -84,23 +84,22 @@ TEST(TarHeader, BlankGidNeedsItsKeyWhichIsReadOnce) {
 }
 
 TEST(TarHeader, Numbers) {
-    const std::pair<std::string, std::uint64_t> cases[] = {
-        // 12 bytes
-        {"00000001000 ", 512},
-        {std::string(" \t 777\0 5555", 12), 0777},
-        {"777777777777", 0777777777777},
-        {"            ", 0},
-        {"9           ", 0},
-        {"-1          ", 0},
-        {"#0..........", 2},
-        {"#z/.........", 63 + 64},
-        {"#...../.....", std::uint64_t{1} << 30},
-        {"#....../....", std::uint64_t{1} << 36},
-        {"#..........5", std::uint64_t{7} << 60},
-        {"#..........F", std::uint64_t{1} << 60},  // 17: what lies above bit 63 is lost
-        {"#zzzzzzzzzzz", ~std::uint64_t{0}},
-        {"#0 zzzzzzzzz", 2},
-        {"#0..../ zzzz", 2 + (std::uint64_t{1} << 30)}};
+    // 12 bytes each; of 17 as the first digit what lies above bit 63 is lost.
+    const std::pair<std::string, std::uint64_t> cases[] = {{"00000001000 ", 512},
+                                                           {std::string(" \t 777\0 5555", 12), 0777},
+                                                           {"777777777777", 0777777777777},
+                                                           {"            ", 0},
+                                                           {"9           ", 0},
+                                                           {"-1          ", 0},
+                                                           {"#0..........", 2},
+                                                           {"#z/.........", 63 + 64},
+                                                           {"#...../.....", 1ull << 30},
+                                                           {"#....../....", 1ull << 36},
+                                                           {"#..........5", 7ull << 60},
+                                                           {"#..........F", 1ull << 60},
+                                                           {"#zzzzzzzzzzz", ~0ull},
+                                                           {"#0 zzzzzzzzz", 2},
+                                                           {"#0..../ zzzz", 2 + (1ull << 30)}};
     for (const auto& [text, value] : cases)
         EXPECT_EQ(tar_size(Header().put(TAR_SIZE, text).view(), TAR_SIZE), value) << text;
     EXPECT_EQ(tar_octal(Header().put(504, "77777777").view(), 504, 99), 077777777u) << "ends with the header";

@@ -68,15 +68,14 @@ void expectEntriesLead(const compression_index& index, const std::string& file, 
 
 TEST_F(CompressionIndex, EntriesAreTheStartsOfTheirChunks) {
     log_level = 5;
-    const std::tuple<std::size_t, std::size_t, std::size_t> cases[] = {
-        // size, block, segment
-        {1, 0, 0},
-        {131072, 0, 0},
-        {131073, 65536, 0},
-        {12000000, 65536, 0},
-        {700000, 100000, 262144},
-        {300000, 1024, 1024},
-        {20000 * 1024 + 5, 1024, 1024}};  // the last has more entries than the padding
+    // Size, block, segment; the last has more entries than the padding.
+    const std::tuple<std::size_t, std::size_t, std::size_t> cases[] = {{1, 0, 0},
+                                                                       {131072, 0, 0},
+                                                                       {131073, 65536, 0},
+                                                                       {12000000, 65536, 0},
+                                                                       {700000, 100000, 262144},
+                                                                       {300000, 1024, 1024},
+                                                                       {20000 * 1024 + 5, 1024, 1024}};
     for (const DqCompressionEngineType engine : {DQ_ENGINE_ZLIB, DQ_ENGINE_LZ4})
         for (const auto& [size, block, segment] : cases) {
             SCOPED_TRACE(std::to_string(engine) + " size " + std::to_string(size) + " block " + std::to_string(block));

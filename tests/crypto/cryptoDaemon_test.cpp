@@ -127,8 +127,8 @@ TEST_F(Service, AnswersRequestsInPiecesAndRefusesBadOnes) {
     const std::string opening = requestHead(6) + t;
     const std::string value = requestHead(3) + t + raw(std::uint64_t{5});
     const std::string chunk = chunkRecord(requestHead(4), 1, 32) + noise(32, 1);
+    // The number: bytes of good replies.
     const std::tuple<std::string, std::size_t, const char*> cases[] = {
-        // the number: bytes of good replies
         {requestHead(6) + noise(512, 1), 0, "bad ticket"},
         {requestHead(10) + noise(512, 1), 0, "bad ticket"},
         {chunk, 0, "there is no session"},

@@ -45,8 +45,8 @@ protected:
 };
 
 TEST_F(Client, OpensASessionOrSaysWhyNot) {
+    // The opening, the key, what is said of it.
     const std::tuple<std::string, std::string, const char*> cases[] = {
-        // the opening, the key, what is said of it
         {"", "", "-1 short read"},
         {good.substr(0, 79), "", "-1 short read"},
         {resultRecord(-7, "no"), "", "-7 no"},
@@ -123,8 +123,8 @@ TEST_F(Client, TakesATokenOrClosesTheSession) {
     const auto reply = [&](std::uint32_t length) {
         return good + raw(length) + token.substr(0, 512) + std::string(4, '\0') + token.substr(512);
     };
+    // Around the text: the room, and the length of the token.
     const std::tuple<std::string, int, const char*, int> cases[] = {
-        // room and length of the token around the text
         {reply(1024), 1536, "0 ", 1536},
         {reply(1024), 1535, "-1 length too small", 1536},
         {reply(1024), -1, "-1 length too small", 1536},

@@ -134,8 +134,8 @@ TEST_F(SISmap, WhoComesBeforeItIsSetUpIsToldSo) {
 
 TEST_F(SISmap, DamageIsRefusedOrMended) {
     addDisk(1, "one");
+    // At, value, whether that is mended.
     const std::tuple<const char*, std::size_t, std::uint64_t, bool> cases[] = {
-        // at, value, whether that is mended
         {"another version", 0, 1, false},
         {"a limit that isn't whole pages", 32, 12345, false},
         {"a block size that divides nothing", 24, 8192 + 512, false},

@@ -47,8 +47,8 @@ protected:
 TEST_F(SISstore, AReservationNeverSpansTwoFiles) {
     const SISPtr sis = openSIS();
     ASSERT_TRUE(sis);
+    // Length, start, next start.
     const std::tuple<const char*, std::int64_t, std::int64_t, std::int64_t> cases[] = {
-        // length, start, next start
         {"one byte takes a block", 1, 0, 8192},
         {"a block and a byte take two", 8193, 8192, 3 * 8192},
         {"the exact rest of the file", FILE_SIZE - 3 * 8192, 3 * 8192, FILE_SIZE},

@@ -175,14 +175,11 @@ TEST_F(SISsubfile, DamagedBlocksAndRecordsThatLieFail) {
     EXPECT_TRUE(read(good) == data);
     (void)store(noise(300000, 1));  // so that a length beyond the block is one that could be read
     const std::uint64_t right = good.compressedLength;
-    for (const auto& [hashed, length, offset] : {std::tuple{99999ull, right, 0ull},
-                                                 {100001, right, 0},
-                                                 {100000, right - 1, 0},
-                                                 {100000, 7, 0},
-                                                 {100000, ~0ull, 0},
-                                                 {100000, 200000, 0},
-                                                 {1ull << 62, right, 0},
-                                                 {100000, 5000, 1ull << 60}}) {
+    using Lie = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>;
+    const Lie lies[] = {Lie{99999, right, 0},      Lie{100001, right, 0},        Lie{100000, right - 1, 0},
+                        Lie{100000, 7, 0},         Lie{100000, ~0ull, 0},        Lie{100000, 200000, 0},
+                        Lie{1ull << 62, right, 0}, Lie{100000, 5000, 1ull << 60}};
+    for (const auto& [hashed, length, offset] : lies) {
         hashValue record = recordAt(offset, hashed);
         record.hashID = good.hashID;
         record.compressedLength = length;
