@@ -27,30 +27,21 @@ protected:
 };
 
 TEST_F(Common, TypeNamesComeFromTheTypeAndTheApplication) {
-    const struct {
-        int type;
-        int app;
-        const char* text;
-    } cases[] = {
-        {TYPE_MASTER, 1, "Master"},
-        {TYPE_SQL_TRANS, 3, "MSSQL Trans"},
-        {TYPE_ESX_INCR, 4, "ESX VM Incr"},
-        {TYPE_EXTENSION_FULL, 9, "UCS Service Profile Full"},
-        {TYPE_EXTENSION_INCR, 9, "UCS Service Profile Incr"},
-        {TYPE_NDMP_DIFF, 8, "NDMP Diff"},
-        {8, 1, "unknown"},
-    };
-    int number = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        ++number;
-        instance(number, c.app);
-        backup(number, c.type, number, 100);
-        std::string text;
-        EXPECT_EQ(getBackupTypeName(static_cast<std::uint64_t>(number), &text), 0);
-        EXPECT_EQ(text, c.text);
+    const std::tuple<int, int, const char*> cases[] = {{TYPE_MASTER, 1, "Master"},
+                                                       {TYPE_SQL_TRANS, 3, "MSSQL Trans"},
+                                                       {TYPE_ESX_INCR, 4, "ESX VM Incr"},
+                                                       {TYPE_EXTENSION_FULL, 9, "UCS Service Profile Full"},
+                                                       {TYPE_EXTENSION_INCR, 9, "UCS Service Profile Incr"},
+                                                       {TYPE_NDMP_DIFF, 8, "NDMP Diff"},
+                                                       {8, 1, "unknown"}};
+    std::string text;
+    for (int number = 1; const auto& [type, app, name] : cases) {
+        instance(number, app);
+        backup(number, type, number, 100);
+        EXPECT_EQ(getBackupTypeName(static_cast<std::uint64_t>(number++), &text), 0);
+        EXPECT_EQ(text, name);
     }
-    std::string text = "kept";
+    text = "kept";
     backup(50, TYPE_MASTER, 999, 100);
     EXPECT_EQ(getBackupTypeName(50, &text), -1) << "an instance that isn't there";
     EXPECT_EQ(text, "kept");
@@ -58,41 +49,29 @@ TEST_F(Common, TypeNamesComeFromTheTypeAndTheApplication) {
 }
 
 TEST_F(Common, SubfileLimitIsTheMostSpecificThatIsValid) {
-    const struct {
-        const char* what;
-        const char* ini;
-        int type;
-        int properties;
-        std::uint64_t bytes;
-    } cases[] = {
-        {"built in", "", TYPE_MASTER, 0, 0x40000000},
-        {"type before application", "maxSubfileBytes_ESX_VM_Full=0x8000\nmaxSubfileBytes_VMware=0x9000\n",
-         TYPE_ESX_FULL, 0, 0x8000},
-        {"application before all", "maxSubfileBytes=0x8000\nmaxSubfileBytes_SQL_Server=40960\n", TYPE_SQL_DIFF, 0,
-         40960},
-        {"file-level", "maxSubfileBytes_file-level=0x3000\n", TYPE_MASTER, 0, 0x3000},
-        {"too small falls through one step", "maxSubfileBytes_Master=8191\nmaxSubfileBytes=0x4000\n", TYPE_MASTER, 0,
-         0x4000},
-        {"two pages are enough", "maxSubfileBytes_Master=8192\n", TYPE_MASTER, 0, 8192},
-        {"letters count as unset", "maxSubfileBytes_Master=65536k\n", TYPE_MASTER, 0, 0x40000000},
-        {"a negative number too", "maxSubfileBytes=-65536\n", TYPE_MASTER, 0, 0x40000000},
-        {"legacy SQL has its own key", "maxSubfileBytes_LEGACY_MSSQL=0x5000\nmaxSubfileBytes_Selective=0x6000\n",
-         TYPE_SELECTIVE, P_LEGACY_SQL, 0x5000},
-        {"other selective", "maxSubfileBytes_LEGACY_MSSQL=0x5000\nmaxSubfileBytes_Selective=0x6000\n", TYPE_SELECTIVE,
-         0, 0x6000},
-        {"no type", "maxSubfileBytes_file-level=0x3000\nmaxSubfileBytes=0x4000\n", 0, 0, 0x4000},
-        {"extension", "maxSubfileBytes_ZUL=0x7000\n", TYPE_EXTENSION_DIFF, 0, 0x7000},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        root.masterIni("[fileDedup]\n" + std::string(c.ini));
-        EXPECT_EQ(getMaxSubfileBytes(c.type, c.properties), c.bytes);
+    const char* const selective = "_LEGACY_MSSQL=0x5000\nmaxSubfileBytes_Selective=0x6000\n";
+    const std::tuple<const char*, const char*, int, int, std::uint64_t> cases[] = {
+        {"built in", "_x=1", TYPE_MASTER, 0, 0x40000000},
+        {"type before application", "_ESX_VM_Full=0x8000\nmaxSubfileBytes_VMware=0x9000\n", TYPE_ESX_FULL, 0, 0x8000},
+        {"application before all", "=0x8000\nmaxSubfileBytes_SQL_Server=40960\n", TYPE_SQL_DIFF, 0, 40960},
+        {"file-level", "_file-level=0x3000\n", TYPE_MASTER, 0, 0x3000},
+        {"too small falls through", "_Master=8191\nmaxSubfileBytes=0x4000\n", TYPE_MASTER, 0, 0x4000},
+        {"two pages are enough", "_Master=8192\n", TYPE_MASTER, 0, 8192},
+        {"letters count as unset", "_Master=65536k\n", TYPE_MASTER, 0, 0x40000000},
+        {"a negative number too", "=-65536\n", TYPE_MASTER, 0, 0x40000000},
+        {"legacy SQL has its own key", selective, TYPE_SELECTIVE, P_LEGACY_SQL, 0x5000},
+        {"other selective", selective, TYPE_SELECTIVE, 0, 0x6000},
+        {"no type", "_file-level=0x3000\nmaxSubfileBytes=0x4000\n", 0, 0, 0x4000},
+        {"extension", "_ZUL=0x7000\n", TYPE_EXTENSION_DIFF, 0, 0x7000}};
+    for (const auto& [what, ini, type, properties, bytes] : cases) {
+        root.masterIni("[fileDedup]\nmaxSubfileBytes" + std::string(ini));
+        EXPECT_EQ(getMaxSubfileBytes(type, properties), bytes) << what;
     }
     root.masterIni("");
-    testsupport::writeFile(root / "var/opt/kestrelix/platform_capabilities", "dedupNT\nnoreplication\n");
-    EXPECT_EQ(getMaxSubfileBytes(TYPE_MASTER, 0), 0x40000000u);
-    testsupport::writeFile(root / "var/opt/kestrelix/platform_capabilities", "dedupNT\n\treplication x\n");
-    EXPECT_EQ(getMaxSubfileBytes(TYPE_MASTER, 0), 0x100000u);
+    for (const auto& [text, bytes] : {std::pair("noreplication\n", 0x40000000u), {"\treplication x\n", 0x100000u}}) {
+        testsupport::writeFile(root / "var/opt/kestrelix/platform_capabilities", std::string("dedupNT\n") + text);
+        EXPECT_EQ(getMaxSubfileBytes(TYPE_MASTER, 0), bytes) << text;
+    }
 }
 
 TEST_F(Common, HactarEstimateCountsHeadersSmallFilesAndReferences) {
@@ -107,62 +86,64 @@ TEST_F(Common, HactarEstimateCountsHeadersSmallFilesAndReferences) {
     backup(2, TYPE_ESX_FULL, 1, 100, "total_megs = 4000000");
     EXPECT_EQ(estimateHactarSize(2, ESTIMATE_HACTAR_FILE), 4000000ull * 112);
     EXPECT_EQ(estimateHactarSize(2, ESTIMATE_WHOLE_BACKUP), 4000000ull * 1048576 + 512);
-    EXPECT_EQ(estimateHactarSize(3, ESTIMATE_WHOLE_BACKUP), 0u);
     catalogue.sql("DROP TABLE dq.backup_files");
-    EXPECT_EQ(estimateHactarSize(1, ESTIMATE_HACTAR_FILE), 0u);
+    EXPECT_EQ(estimateHactarSize(1, ESTIMATE_HACTAR_FILE) + estimateHactarSize(3, ESTIMATE_WHOLE_BACKUP), 0u);
 }
 
 TEST_F(Common, GroupsRefuseWhatCantBeTheirEnd) {
-    const struct {
-        bool synthesis;
-        const char* change;
-        const char* reason;
-    } cases[] = {
-        {true, "status = 4096 | 64 | 2048, tape_no = 4294967295", "Input backup was not successful."},
-        {true, "status = 2048", "Input backup is not complete."},
-        {true, "tape_no = 4294967295, properties = 0", "Input backup has been logically deleted."},
-        {true, "properties = 1", "Input backup is not synthesis-capable."},
-        {true, "properties = 4097", "Cannot restore SDS backups."},
-        {true, "type = 5, status = 0", "Input backup must be a supported type."},
-        {true, "backup_no = 8", "Invalid backup id: 7."},
-        {true, "instance_id = 2, status = 64 + 2048", nullptr},
-        {false, "properties = 1, tape_no = 4294967295", "SDS backups cannot be restored"},
-        {false, "tape_no = 4294967295, status = 0", "Purged backups cannot be restored"},
-        {false, "status = 2048", "Active backups cannot be restored"},
-        {false, "type = 1031, status = 4096 | 64", "Failed backups of this type cannot be restored"},
-        {false, "type = 1, status = 4096 | 64", nullptr},
-        {false, "type = 3", "Backup 7 has an unknown or unsupported backup type (3)."},
-        {false, "type = 1039", "Backup 7 has an unknown or unsupported backup type (1039)."},
-        {false, "type = 6", "Backup 7 not returned from query"},
-        {false, "instance_id = 9", "Failed to retrieve application information for backup 7"},
-        {false, "type = 5, instance_id = 2", "Failed to get instance name for backup 7"},
-    };
+    // Those of a synthesis, and those of a restore.
+    const std::pair<const char*, const char*> cases[][10] = {
+        {{"status = 4096 | 64 | 2048, tape_no = 4294967295", "Input backup was not successful."},
+         {"status = 2048", "Input backup is not complete."},
+         {"tape_no = 4294967295, properties = 0", "Input backup has been logically deleted."},
+         {"properties = 1", "Input backup is not synthesis-capable."},
+         {"properties = 4097", "Cannot restore SDS backups."},
+         {"type = 5, status = 0", "Input backup must be a supported type."},
+         {"backup_no = 8", "Invalid backup id: 7."},
+         {"instance_id = 2, status = 64 + 2048", nullptr}},
+        {{"properties = 1, tape_no = 4294967295", "SDS backups cannot be restored"},
+         {"tape_no = 4294967295, status = 0", "Purged backups cannot be restored"},
+         {"status = 2048", "Active backups cannot be restored"},
+         {"type = 1031, status = 4096 | 64", "Failed backups of this type cannot be restored"},
+         {"type = 1, status = 4096 | 64", nullptr},
+         {"type = 3", "Backup 7 has an unknown or unsupported backup type (3)."},
+         {"type = 1039", "Backup 7 has an unknown or unsupported backup type (1039)."},
+         {"type = 6", "Backup 7 not returned from query"},
+         {"instance_id = 9", "Failed to retrieve application information for backup 7"},
+         {"type = 5, instance_id = 2", "Failed to get instance name for backup 7"}}};
     instance(1, 1);
     instance(2, 2);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.change);
-        catalogue.sql("DELETE FROM dq.backups");
-        backup(7, TYPE_MASTER, 1, 100, c.change);
-        EXPECT_EQ((c.synthesis ? synthesisGroup(7) : restoreGroup(7)).empty(), c.reason != nullptr);
-        EXPECT_TRUE(c.reason == nullptr || c.reason == std::string(dqLastError())) << dqLastError();
-    }
+    for (const bool synthesis : {true, false})
+        for (const auto& [change, reason] : cases[synthesis ? 0 : 1]) {
+            if (change == nullptr)
+                continue;
+            SCOPED_TRACE(change);
+            catalogue.sql("DELETE FROM dq.backups");
+            backup(7, TYPE_MASTER, 1, 100, change);
+            EXPECT_EQ((synthesis ? synthesisGroup(7) : restoreGroup(7)).empty(), reason != nullptr);
+            EXPECT_TRUE(reason == nullptr || reason == std::string(dqLastError())) << dqLastError();
+        }
     EXPECT_TRUE(root.logged("dqGetSynthesisGroup: Error: Invalid backup id: 7."));
     EXPECT_EQ(dqGetRestoreGroupOptimized(7, nullptr), -1);
 }
 
 TEST_F(Common, SynthesisGroupStartsAtTheNewestMasterOrDifferential) {
-    const int synthetic = P_SYNTHETIC | P_SYNTHESIS_CAPABLE;
-    backup(1, TYPE_MASTER, 1, 100);
-    backup(2, TYPE_INCREMENTAL, 1, 200);
-    backup(3, TYPE_DIFFERENTIAL, 1, 300, "properties = " + std::to_string(synthetic));
-    backup(4, TYPE_INCREMENTAL, 1, 400);
-    backup(5, TYPE_INCREMENTAL, 1, 500, "status = 4096");
-    backup(6, TYPE_INCREMENTAL, 2, 600);
-    backup(7, TYPE_INCREMENTAL, 1, 700);
-    backup(8, TYPE_INCREMENTAL, 1, 800);
+    const std::string synthetic = "properties = " + std::to_string(P_SYNTHETIC | P_SYNTHESIS_CAPABLE);
+    const std::tuple<int, int, std::string> cases[] = {{TYPE_MASTER, 1, ""},
+                                                       {TYPE_INCREMENTAL, 1, ""},
+                                                       {TYPE_DIFFERENTIAL, 1, synthetic},
+                                                       {TYPE_INCREMENTAL, 1, ""},
+                                                       {TYPE_INCREMENTAL, 1, "status = 4096"},
+                                                       {TYPE_INCREMENTAL, 2, ""},
+                                                       {TYPE_INCREMENTAL, 1, ""},
+                                                       {TYPE_INCREMENTAL, 1, ""}};
+    for (int number = 1; const auto& [type, of, changes] : cases) {
+        backup(number, type, of, number * 100, changes);
+        ++number;
+    }
     EXPECT_EQ(synthesisGroup(7), "1,3,4,7");
     EXPECT_EQ(synthesisGroup(7, true), "1,2,4,7");
-    catalogue.sql("UPDATE dq.backups SET properties = " + std::to_string(synthetic));
+    catalogue.sql("UPDATE dq.backups SET " + synthetic);
     EXPECT_EQ(synthesisGroup(7, true, true), "2,4,7");
 }
 
@@ -183,48 +164,40 @@ TEST_F(Common, RestoreGroupMembersCarryResultAndTypeCode) {
 
 // Of each family a full, a differential and two incrementals (or a full and what follows); the groups of the last.
 TEST_F(Common, EveryFamilyFollowsItsOwnTypes) {
-    const struct {
-        std::vector<int> types;
-        int app;
-        const char* restore;
-        const char* synthesis;
-    } cases[] = {
-        {{TYPE_MASTER, TYPE_DIFFERENTIAL, TYPE_INCREMENTAL, TYPE_INCREMENTAL}, 1, "", "1,2,3,4"},
-        {{5, 6, 7, 7}, 2, "1:0:21 2:0:22 3:0:23 4:0:23 ", ""},
-        {{9, 10, 11, 11}, 3, "1:0:31 2:0:32 3:0:33 4:0:33 ", ""},
-        {{12, 13, 14, 14}, 4, "1:0:41 2:0:42 3:0:43 4:0:43 ", "1,2,3,4"},
-        {{1031, 1032, 1033, 1033}, 5, "1:0:51 2:0:52 3:0:53 4:0:53 ", "1,2,3,4"},
-        {{1034, 1035, 1035}, 6, "1:0:71 2:0:72 3:0:72 ", ""},
-        {{1036, 1037, 1037}, 7, "1:0:81 3:0:82 ", ""},
-        {{4098, 4099, 4100, 4100}, 8, "1:0:91 2:0:92 3:0:93 4:0:93 ", "1,2,3,4"},
-        {{1039, 4096, 4097, 4097}, 9, "", ""},  // of this application only fulls are known
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.types[0]);
-        SetUp();
-        instance(1, c.app, "'first', 'second'");
+    // By the application's number, from 1 on.
+    const std::tuple<std::vector<int>, const char*, const char*> cases[] = {
+        {{TYPE_MASTER, TYPE_DIFFERENTIAL, TYPE_INCREMENTAL, TYPE_INCREMENTAL}, "", "1,2,3,4"},
+        {{5, 6, 7, 7}, "1:0:21 2:0:22 3:0:23 4:0:23 ", ""},
+        {{9, 10, 11, 11}, "1:0:31 2:0:32 3:0:33 4:0:33 ", ""},
+        {{12, 13, 14, 14}, "1:0:41 2:0:42 3:0:43 4:0:43 ", "1,2,3,4"},
+        {{1031, 1032, 1033, 1033}, "1:0:51 2:0:52 3:0:53 4:0:53 ", "1,2,3,4"},
+        {{1034, 1035, 1035}, "1:0:71 2:0:72 3:0:72 ", ""},
+        {{1036, 1037, 1037}, "1:0:81 3:0:82 ", ""},
+        {{4098, 4099, 4100, 4100}, "1:0:91 2:0:92 3:0:93 4:0:93 ", "1,2,3,4"},
+        {{1039, 4096, 4097, 4097}, "", ""}};  // of this application only fulls are known
+    for (int app = 1; const auto& [types, restore, synthesis] : cases) {
+        SCOPED_TRACE(app);
+        renew();
+        instance(1, app++, "'first', 'second'");
         int number = 0;
-        for (const int type : c.types) {
+        for (const int type : types) {
             ++number;
             backup(number, type, 1, number);
         }
-        EXPECT_EQ(restoreGroup(number), c.restore);
-        EXPECT_EQ(synthesisGroup(number), c.synthesis);
+        EXPECT_EQ(restoreGroup(number), restore);
+        EXPECT_EQ(synthesisGroup(number), synthesis);
     }
 }
 
 TEST_F(Common, LegacySqlChainEndsAtTheBackupItself) {
     instance(1, 1);
-    const auto legacy = [this](int number, int sqlType, int order, const char* database) {
+    const std::pair<int, const char*> cases[] = {{1, "Books"}, {2, "books"}, {3, "BOOKS"}, {3, "other"}, {3, "Books"}};
+    for (int number = 1; const auto& [sqlType, database] : cases) {
         backup(number, TYPE_SELECTIVE, 1, number * 100, "properties = 128");
-        catalogue.sql("INSERT INTO dq.sql_backups VALUES (" + std::to_string(number) + ",1," + std::to_string(sqlType) +
-                      ",'srv','" + database + "',1," + std::to_string(order) + ")");
-    };
-    legacy(1, 1, 1, "Books");
-    legacy(2, 2, 2, "books");
-    legacy(3, 3, 3, "BOOKS");
-    legacy(4, 3, 4, "other");
-    legacy(5, 3, 5, "Books");
+        catalogue.sql(formatString("INSERT INTO dq.sql_backups VALUES (%d,1,%d,'srv','%s',1,%d)", number, sqlType,
+                                   database, number));
+        ++number;
+    }
     EXPECT_EQ(restoreGroup(3), "1:0:1 2:0:2 3:0:3 ");
 }
 
@@ -257,10 +230,10 @@ TEST_F(Common, OnlyMasterHasAJobCodeThatIsASelfContainedType) {
 }
 
 TEST_F(Common, ExtensionTypesAreKnownByTheirApplication) {
-    instance(1, 9);
-    instance(2, 1);
-    backup(1, TYPE_EXTENSION_FULL, 1, 100);
-    backup(2, TYPE_EXTENSION_FULL, 2, 100);
+    for (const auto& [number, app] : {std::pair(1, 9), {2, 1}}) {
+        instance(number, app);
+        backup(number, TYPE_EXTENSION_FULL, number, 100);
+    }
     EXPECT_EQ(getZulJobTypeCodeBackupNo(25, 1), 61);
     EXPECT_EQ(getZulJobTypeCodeBackupNo(TYPE_EXTENSION_DIFF, 1), 0);
     std::string text;

@@ -3,7 +3,6 @@
 #include "base/run_command.h"
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
-#include "support/test.h"
 
 namespace testsupport {
 namespace {
@@ -17,20 +16,14 @@ protected:
 
     Util() { root.masterIni("[LogRetentionInstances]\ndefault=50\n"); }  // each command keeps its log
 
-    int run(const std::string& arguments, std::string* output = nullptr) {
-        const fs::path captured = root / "output";
-        setenv("FERRYD_ROOT", root.path().c_str(), 1);
-        const int status = runCommand("exec " + ferryd + " util " + arguments +
-                                      (output == nullptr ? "" : " >" + shellQuoted(captured.string())));
-        unsetenv("FERRYD_ROOT");
-        if (output != nullptr)
-            *output = readFile(captured);
+    int run(const std::string& arguments) {
+        const std::string environment = "FERRYD_ROOT=" + shellQuoted(root.path().string());
+        const int status = runCommand(environment + " exec " + ferryd + " util " + arguments);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::string output(const std::string& arguments, int status = 0) {
-        std::string text;
-        EXPECT_EQ(run(arguments, &text), status) << arguments;
-        return text;
+        EXPECT_EQ(run(arguments + " >" + shellQuoted((root / "output").string())), status) << arguments;
+        return readFile(root / "output");
     }
     bool utilLogged(const std::string& text) {
         for (const auto& entry : fs::directory_iterator(root / "usr/dq/logs.dir"))
@@ -55,10 +48,10 @@ TEST_F(Util, TextsThatAreNoNumbersOrNo3TuplesAreRefused) {
                                  "swap 7 vault -7 vault",
                                  "lbe 7 ''",
                                  "tuple-hash c-sha512-1-00 0 1",
+                                 "block b-sha512-12",
                                  "tuple-hash" + tuple + " 0 18446744073709551616",
                                  "put-block vault 7 0x10" + tuple + " 0",
-                                 "post-check-offset vault 7" + tuple + " 0" + tuple + " 1k",
-                                 "block b-sha512-12"};
+                                 "post-check-offset vault 7" + tuple + " 0" + tuple + " 1k"};
     for (const std::string& arguments : cases)
         EXPECT_EQ(output(arguments + " 2>/dev/null", 1), "") << arguments;
     EXPECT_EQ(output("tuple-hash" + tuple + " 0 18446744073709551615 2>/dev/null", 1), "");
@@ -74,24 +67,20 @@ TEST_F(Util, TargetThatDoesNotAnswerIsReported) {
     queue(7, REPLICATION_OUT_OF_ORDER, "127.0.0.1:1");
     const std::string tuple = " b-sha512-1-" + std::string(128, '0') + " 0";
     const std::string ubi = std::string(INSTANCE_UUID) + "_1000_1";
-    const struct {
-        std::string arguments;
-        int status;
-        const char* output;
-    } cases[] = {
-        {"check-ubi " + ubi + " 127.0.0.1:1", 255, "-1 0 0\n"},
-        {"start-backup 127.0.0.1:1 7", 1, "-1\n"},
-        {"fix-paused-instance 127.0.0.1:1 7", 255, "fix-paused-instance failed, error=-1\n"},
-        {"post-check-offset 127.0.0.1:1 7" + tuple + " 2>/dev/null", 1, ""},
-        {"send-hactar 127.0.0.1:1 7 7", 255, ""},
-        {"cancel-backup 127.0.0.1:1 7", 255, ""},
-        {"list-backup-status 127.0.0.1:1", 1,
+    const std::string at = " 127.0.0.1:1";
+    const std::tuple<std::string, int, const char*> cases[] = {
+        {"check-ubi " + ubi + at, 255, "-1 0 0\n"},
+        {"start-backup" + at + " 7", 1, "-1\n"},
+        {"fix-paused-instance" + at + " 7", 255, "fix-paused-instance failed, error=-1\n"},
+        {"post-check-offset" + at + " 7" + tuple + " 2>/dev/null", 1, ""},
+        {"send-hactar" + at + " 7 7", 255, ""},
+        {"cancel-backup" + at + " 7", 255, ""},
+        {"list-backup-status" + at, 1,
          "SOURCE: backup_no = 7 instance_id = 2 start_time = 1000 properties = 512 replication_queue_status = 128 "
          "backups_status = 2112 type = 1\tTARGET: backup not on target\n"},
-        {"replicate 7 127.0.0.1:1", 1, ""},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(output(c.arguments, c.status), c.output) << c.arguments;
+        {"replicate 7" + at, 1, ""}};
+    for (const auto& [arguments, status, text] : cases)
+        EXPECT_EQ(output(arguments, status), text) << arguments;
     EXPECT_TRUE(utilLogged("Curl Status: Couldn't connect to server"));
 }
 
@@ -100,12 +89,8 @@ TEST_F(Util, QueueIsChangedByHand) {
     backup(7);
     backup(300, 3);
     instance(3, "0a1b2c3d-0000-4000-8000-00000000000b");
-    const struct {
-        std::string arguments;
-        int status;  // eight bits of it
-        const char* output;
-        const char* queue;
-    } steps[] = {
+    // Eight bits of the status, the output, and the queue then.
+    const std::tuple<std::string, int, const char*, const char*> steps[] = {
         {"enqueue 7 vault", 0, "", "7|1"},
         {"enqueue 300 vault", 0, "", "7|1\n300|1"},
         {"enqueue 7 " + std::string(65, 'v'), 1, "", "7|1\n300|1"},
@@ -115,12 +100,10 @@ TEST_F(Util, QueueIsChangedByHand) {
         {"peek 0", 300 & 0xff, "300", "300|1\n7|1"},
         {"cleanup 7 vault", 0, "", "300|1\n7|32"},
         {"complete 300 vault", 0, "", "300|2\n7|32"},
-        {"remove 300 vault", 0, "", "7|32"},
-    };
-    for (const auto& step : steps) {
-        EXPECT_EQ(output(step.arguments, step.status), step.output);
-        EXPECT_EQ(catalogue.rows("SELECT backup_no, status FROM dq.replication_queue ORDER BY position"), step.queue)
-            << step.arguments;
+        {"remove 300 vault", 0, "", "7|32"}};
+    for (const auto& [arguments, status, text, rows] : steps) {
+        EXPECT_EQ(output(arguments, status), text);
+        EXPECT_EQ(queued(), rows) << arguments;
     }
     catalogue.sql("DELETE FROM dq.operation_names WHERE name_id < 10");
     EXPECT_EQ(output("createtypes"), "");
@@ -169,11 +152,8 @@ TEST_F(Util, IdentitiesAreToldAndChecked) {
 
 TEST_F(Util, BlocksAreFoldedAndAskedAbout) {
     std::string digest;
-    for (int i = 0; i < 64; ++i) {
-        char hex[3];
-        snprintf(hex, sizeof hex, "%02X", i);
-        digest += hex;
-    }
+    for (int i = 0; i < 64; ++i)
+        digest += formatString("%02X", i);
     const std::string tuple = "b-sha512-5-" + digest;
     // 86 bytes go in: 64 digest, 8 offset, 6 type, 8 length.
     const std::string unfolded = digest + "01000000000000007368613531320500000000000000";

@@ -3,7 +3,6 @@
 #include "base/signals.h"
 #include "bookkeeping/replicationQueue.h"
 #include "support/daemon_fixture.h"
-#include "support/test.h"
 #include "worker/worker.h"
 
 namespace testsupport {
@@ -14,17 +13,16 @@ namespace fs = std::filesystem;
 class Terminate : public DaemonTest {
 protected:
     ~Terminate() override {
-        for (const pid_t child : children_) {
-            (void)kill(child, SIGKILL);
-            (void)waitpid(child, nullptr, 0);
-        }
+        for (const pid_t child : children_)
+            if (kill(child, SIGKILL) == 0)
+                (void)waitpid(child, nullptr, 0);
         clearWorkers();
     }
 
     // A child that waits for a signal, in the table as the worker of a backup. One that gets none ends by SIGALRM.
     pid_t worker(std::uint32_t backupNo, const std::string& vault, void (*atInterrupt)(int) = SIG_DFL) {
-        const BlockedSignals blocked(
-            signalSet({SIGINT}));  // until the child takes it: a job in the background ignores it
+        // Until the child takes it: a job in the background ignores it.
+        const BlockedSignals blocked(signalSet({SIGINT}));
         const pid_t child = fork();
         if (child == 0) {
             (void)signal(SIGINT, atInterrupt);
@@ -63,8 +61,8 @@ TEST_F(Terminate, RowIsEndedHereAndOnTheTarget) {
     EXPECT_EQ(workerCount(), 2);
     EXPECT_FALSE(fs::exists(disk / "hactar_7"));
     const Request said = target.request("end-backup");
-    EXPECT_EQ(said.body, std::string("backup operation terminated\0", 28));
-    EXPECT_EQ(said.header("X-BackupUUID"), std::string(INSTANCE_UUID) + "_1000_1");
+    EXPECT_EQ(said.body + said.header("X-BackupUUID"),
+              std::string("backup operation terminated\0", 28) + INSTANCE_UUID + "_1000_1");
 
     handleTerminatedOperations();
     EXPECT_EQ(queueRow(8), "8") << "no worker is needed for the rest";
@@ -92,7 +90,6 @@ TEST_F(Terminate, DeadTargetDoesntKeepTheRow) {
     g_settings.maxConcurrent = -3;
     handleTerminatedOperations();
     EXPECT_EQ(queueRow(7), "8");
-    EXPECT_TRUE(root.logged("Failed to notify target"));
     EXPECT_TRUE(root.logged("Curl status: Couldn't connect to server"));
     EXPECT_TRUE(root.logged("failed to remove hactar")) << "its device isn't in the catalogue";
 }

@@ -51,17 +51,14 @@ TEST(Uxml, OnlyChildElementsCount) {
     const xmlNodePtr root = xmlDocGetRootElement(document.get());
     std::string text = "kept";
     EXPECT_EQ(uxml_get_text(root, "a", &text), 0);
-    EXPECT_EQ(text, "first");
     std::vector<xmlNodePtr> children;
     ASSERT_EQ(uxml_children(root, "a", &children), 2);
     EXPECT_EQ(uxml_has_child(children[1], "c"), 1);
-    EXPECT_EQ(uxml_children(root, "c", &children), 0);
-    EXPECT_TRUE(children.empty());
+    EXPECT_TRUE(uxml_children(root, "c", &children) == 0 && children.empty());
     EXPECT_EQ(uxml_get_text(root, "c", &text), -1);
     EXPECT_EQ(text, "first");
     int number = 5;
-    EXPECT_EQ(uxml_get_int(root, "a", &number), 0);
-    EXPECT_EQ(number, 0) << "no number";
+    EXPECT_TRUE(uxml_get_int(root, "a", &number) == 0 && number == 0) << "no number";
 }
 
 TEST(Uxml, TruthIsToldByTheFirstLetter) {

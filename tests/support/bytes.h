@@ -1,7 +1,6 @@
 // bytes.h - bytes without a pattern, text as bytes, and waiting for a condition.
 #pragma once
 
-#include <cstddef>
 #include <span>
 
 #include "support/test.h"
@@ -12,10 +11,8 @@ namespace testsupport {
 inline std::string noise(std::size_t size, std::uint64_t seed) {
     std::mt19937_64 random(seed);
     std::string bytes(size + 8, '\0');
-    for (std::size_t at = 0; at < size; at += 8) {
-        const std::uint64_t word = random();
-        std::memcpy(&bytes[at], &word, sizeof word);
-    }
+    for (std::size_t at = 0; at < size; at += 8)
+        std::memcpy(&bytes[at], std::array{random()}.data(), 8);
     bytes.resize(size);
     return bytes;
 }
@@ -39,13 +36,7 @@ inline std::string hexOf(std::span<const std::byte> bytes) {
 // Whether the condition comes true before a deadline that only a fault reaches.
 template <typename Condition>
 [[nodiscard]] bool comesTrue(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return eventually(condition, std::chrono::seconds(30));
 }
 
 }  // namespace testsupport

@@ -4,19 +4,16 @@
 
 #include "base/releaser.h"
 #include "lab/cluster.h"
-#include "support/test.h"
 
 namespace testsupport {
 namespace {
-
-namespace fs = std::filesystem;
 
 using ConnectionPtr = std::unique_ptr<PGconn, Releaser<&PQfinish>>;
 using RowsPtr = std::unique_ptr<PGresult, Releaser<&PQclear>>;
 
 // The cluster of this program and one connection to it; both go with the program.
 struct Server {
-    fs::path directory = lab::temporaryDirectory("ferryd-pg");
+    std::filesystem::path directory = lab::temporaryDirectory("ferryd-pg");
     lab::Cluster cluster{directory, true};
     ConnectionPtr connection;
 
@@ -25,7 +22,7 @@ struct Server {
         connection.reset();
         cluster.kill();
         std::error_code ignored;
-        fs::remove_all(directory, ignored);
+        std::filesystem::remove_all(directory, ignored);
     }
 
     PGconn* connected() {
@@ -54,11 +51,8 @@ RowsPtr run(const std::string& statements) {
 
 }  // namespace
 
-Catalogue::Catalogue() {
-    (void)server();
-}
-
 Catalogue& Catalogue::instance() {
+    (void)server();
     static Catalogue catalogue;
     return catalogue;
 }
@@ -83,26 +77,17 @@ std::string Catalogue::value(std::string_view query) {
 std::string Catalogue::rows(std::string_view query) {
     const RowsPtr result = run(std::string(query));
     std::string text;
-    for (int row = 0; row < PQntuples(result.get()); ++row) {
-        if (row != 0)
-            text += '\n';
-        for (int column = 0; column < PQnfields(result.get()); ++column) {
-            if (column != 0)
-                text += '|';
-            text += PQgetvalue(result.get(), row, column);
-        }
-    }
+    const int columns = PQnfields(result.get());
+    for (int i = 0; i < PQntuples(result.get()) * columns; ++i)
+        text += std::string(i == 0             ? ""
+                            : i % columns == 0 ? "\n"
+                                               : "|") +
+                PQgetvalue(result.get(), i / columns, i % columns);
     return text;
 }
 
 bool Catalogue::somebodyWaits() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0") {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return eventually([this] { return value("SELECT count(*) FROM pg_locks WHERE NOT granted") != "0"; });
 }
 
 void Catalogue::restart() {

@@ -27,9 +27,6 @@ public:
 
     // Stops and starts the server, as an administrator would.
     void restart();
-
-private:
-    Catalogue();
 };
 
 }  // namespace testsupport

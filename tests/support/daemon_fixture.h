@@ -1,33 +1,17 @@
 // daemon_fixture.h - one appliance for a test: catalogue, tools, backups with their device; and the target it talks to.
 #pragma once
 
-#include "bookkeeping/common.h"
 #include "config/settings.h"
 #include "daemon/daemon.h"
-#include "database/pghelper.h"
 #include "hash/hash_connection.h"
 #include "hash/hash_generation.h"
-#include "support/catalogue.h"
-#include "support/root.h"
+#include "support/catalogue_fixture.h"
 #include "support/scripted_server.h"
-#include "support/test.h"
 #include "worker/configuration.h"
 #include "worker/statistics.h"
 #include "worker/worker_table.h"
 
 namespace testsupport {
-
-// Waits on a condition; false at the deadline.
-inline bool comesTrue(const std::function<bool()>& condition,
-                      std::chrono::milliseconds limit = std::chrono::seconds(30)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // Whether a process still does something; one that nobody has reaped yet doesn't.
 inline bool isAlive(int pid) {
@@ -37,11 +21,9 @@ inline bool isAlive(int pid) {
 
 inline constexpr const char* INSTANCE_UUID = "0a1b2c3d-0000-4000-8000-00000000000a";
 
-class DaemonTest : public ::testing::Test {
+class DaemonTest : public CatalogueTest {
 protected:
-    DaemonTest() : catalogue(Catalogue::instance()) {
-        pgCloseAll();
-        catalogue.reset();
+    DaemonTest() {
         catalogue.sql(
             "INSERT INTO dq.nodes (node_no, node_name) VALUES (1, 'client');"
             "INSERT INTO dq.operation_names VALUES (6, 'prepare'), (7, 'replicate'), (8, 'wait')");
@@ -54,32 +36,23 @@ protected:
         resetSdsStatsFlag();
         clearWorkers();
     }
-    ~DaemonTest() override {
-        pgCloseAll();
-        forgetMetadataGeneration();
-    }
+    ~DaemonTest() override { forgetMetadataGeneration(); }
 
     // A finished, successful, hashed backup of client 1; `changes` are assignments put over that.
     void backup(int number, int instance = 2, int start = 1000, const std::string& changes = "") {
         const std::string no = std::to_string(number);
-        catalogue.sql(
-            "INSERT INTO dq.backups (backup_no, node_no, instance_id, type, start_time, status, properties, "
-            "sync_status, total_megs, fileset_no) VALUES (" +
-            no + ",1," + std::to_string(instance) + ",1," + std::to_string(start) + "," +
-            std::to_string(ST_COMPLETE | ST_SUCCESS) + "," + std::to_string(P_HASHED) + ",1,3," + no +
-            "); INSERT INTO dq.filesets (fileset_no, tape_drive_name) VALUES (" + no +
-            ",'D2D') ON CONFLICT DO NOTHING");
+        CatalogueTest::backup(number, TYPE_MASTER, instance, start,
+                              "properties = 512, sync_status = 1, total_megs = 3, fileset_no = " + no);
+        catalogue.sql("INSERT INTO dq.filesets (fileset_no, tape_drive_name) VALUES (" + no +
+                      ",'D2D') ON CONFLICT DO NOTHING");
         if (!changes.empty())
             catalogue.sql("UPDATE dq.backups SET " + changes + " WHERE backup_no = " + no);
     }
     // Instance 2 is the client's file system, any other a virtual machine of it.
     void instance(int number, const std::string& identity = INSTANCE_UUID) {
-        catalogue.sql("INSERT INTO dq.application_instances (instance_id, node_no, app_id, identity) VALUES (" +
-                      std::to_string(number) + ",1," + (number == 2 ? "1" : "4") + ",NULLIF('" + identity + "',''))");
-    }
-    void queue(int backupNo, int status, const std::string& vault = "vault") {
-        catalogue.sql("INSERT INTO dq.replication_queue (backup_no, vault, status) VALUES (" +
-                      std::to_string(backupNo) + ",'" + vault + "'," + std::to_string(status) + ")");
+        CatalogueTest::instance(number, number == 2 ? 1 : 4);
+        catalogue.sql("UPDATE dq.application_instances SET identity = NULLIF('" + identity +
+                      "','') WHERE instance_id = " + std::to_string(number));
     }
     // Puts all backups on one device; its path.
     std::filesystem::path device() {
@@ -103,9 +76,6 @@ protected:
     std::string syncStatus(int backupNo) {
         return catalogue.value("SELECT sync_status FROM dq.backups WHERE backup_no = " + std::to_string(backupNo));
     }
-
-    TestRoot root;
-    Catalogue& catalogue;
 };
 
 // A target that takes everything, and says what a test wants it to say. Set it up before a request is made.
@@ -127,8 +97,7 @@ public:
     // What was asked, in order: the last part of the path, "f" for a file.
     [[nodiscard]] std::vector<std::string> requests() {
         std::vector<std::string> names;
-        for (const Request& request : server_.requests())
-            names.push_back(nameOf(request));
+        std::ranges::transform(server_.requests(), std::back_inserter(names), nameOf);
         return names;
     }
     // The last request of that name.
@@ -139,10 +108,7 @@ public:
                 found = request;
         return found;
     }
-    [[nodiscard]] long count(const std::string& name) {
-        const std::vector<std::string> all = requests();
-        return std::count(all.begin(), all.end(), name);
-    }
+    [[nodiscard]] long count(const std::string& name) { return std::ranges::count(requests(), name); }
 
 private:
     static std::string nameOf(const Request& request) {
@@ -151,24 +117,27 @@ private:
     }
     // One request at a time comes: no lock.
     std::string checkReply() {
-        static const std::map<char, std::pair<std::uint64_t, std::uint64_t>> SAYS = {
-            {'u', {0, 0}},
-            {'!', {~3ull, 0}},
-            {'n', {77, 0}},
-            {'b', {77, ST_BUILDING}},
-            {'o', {77, ST_ON_SYSTEM}},
-            {'e', {77, ST_COMPLETE}},
-            {'p', {77, ST_COMPLETE | ST_ON_SYSTEM}},
-            {'x', {77, ST_COMPLETE | ST_ON_SYSTEM}},
-            {'f', {77, ST_FAILED | ST_ON_SYSTEM}},
-            {'c', {77, ST_CANCELLED | ST_ON_SYSTEM}}};
+        constexpr std::uint64_t ON = ST_ON_SYSTEM;
+        const std::uint64_t statuses[] = {0,
+                                          0,
+                                          0,
+                                          ST_BUILDING,
+                                          ON,
+                                          ST_COMPLETE,
+                                          ST_COMPLETE | ON,
+                                          ST_COMPLETE | ON,
+                                          ST_FAILED | ON,
+                                          ST_CANCELLED | ON};
         const char letter = checks.front();
         if (checks.size() > 1)
             checks.erase(0, 1);
         if (letter == '-')
             return "";
-        const auto [number, status] = SAYS.at(letter);
-        const std::uint64_t words[] = {number, status, letter == 'p' ? P_HASHED : 0u};
+        const std::uint64_t words[] = {letter == 'u'   ? 0
+                                       : letter == '!' ? ~3ull
+                                                       : 77,
+                                       statuses[std::string_view("u!nboepxfc").find(letter)],
+                                       letter == 'p' ? P_HASHED : 0u};
         const std::string body(reinterpret_cast<const char*>(words), sizeof words);
         return letter == 'x' ? "HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n" + body : ok(body);
     }

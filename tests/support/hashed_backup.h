@@ -2,17 +2,13 @@
 #pragma once
 
 #include "hash/hash_fixture.h"
-#include "support/test.h"
+#include "support/bytes.h"
 
 namespace testsupport {
 
 // Bytes that look like nothing else; the same for the same seed.
 inline std::string randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937_64 random(seed);
-    std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(random());
-    return bytes;
+    return noise(size, seed);
 }
 
 class HashedBackup : public HashCatalogue {

@@ -1,17 +1,11 @@
 #include "support/scripted_server.h"
 
-#include "support/test.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 namespace testsupport {
-namespace {
 
-constexpr std::size_t READ_SIZE = 65536;
-constexpr std::chrono::seconds PATIENCE{10};
-
-}  // namespace
+static constexpr std::size_t READ_SIZE = 65536;
 
 std::string Request::path() const {
     const std::size_t start = line.find(' ') + 1;
@@ -19,51 +13,44 @@ std::string Request::path() const {
 }
 
 std::string Request::header(std::string_view name) const {
-    for (const std::string& text : headers) {
+    for (const std::string& text : headers)
         if (text.starts_with(name) && text.substr(name.size(), 1) == ":")
             return text.substr(std::min(text.size(), text.find_first_not_of(' ', name.size() + 1)));
-    }
     return "";
 }
 
 std::string Request::ownHeaders() const {
     std::string own;
-    for (const std::string& text : headers) {
+    for (const std::string& text : headers)
         if (text.starts_with("X-"))
             own += (own.empty() ? "" : "|") + text;
-    }
     return own;
 }
 
 bool Peer::fill() {
     char bytes[READ_SIZE];
     const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, 0);
-    if (got <= 0)
-        return false;
-    buffer_.append(bytes, static_cast<std::size_t>(got));
-    return true;
+    buffer_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return got > 0;
 }
 
 bool Peer::readLine(std::string* line) {
     std::size_t end = 0;
-    while ((end = buffer_.find("\r\n")) == std::string::npos) {
+    while ((end = buffer_.find("\r\n")) == std::string::npos)
         if (!fill())
             return false;
-    }
     *line = buffer_.substr(0, end);
     buffer_.erase(0, end + 2);
     return true;
 }
 
 bool Peer::readBytes(std::size_t count, std::string* text) {
-    while (text->size() < count) {
-        if (buffer_.empty() && !fill())
-            return false;
-        const std::size_t taken = std::min(count - text->size(), buffer_.size());
-        text->append(buffer_, 0, taken);
-        buffer_.erase(0, taken);
-    }
-    return true;
+    bool more = true;
+    while (more && buffer_.size() < count)
+        more = fill();
+    text->append(buffer_, 0, count);
+    buffer_.erase(0, count);
+    return more;
 }
 
 bool Peer::readHead() {
@@ -78,29 +65,24 @@ bool Peer::readHead() {
 }
 
 bool Peer::readChunks() {
-    std::string line;
-    std::string end;
-    for (;;) {
+    for (std::string line; readLine(&line);) {
         std::string chunk;
-        if (!readLine(&line))
-            return false;
         const std::size_t size = std::strtoul(line.c_str(), nullptr, 16);
-        if (!readBytes(size, &chunk) || !readLine(&end))
-            return false;
+        if (!readBytes(size, &chunk) || !readLine(&line))
+            break;
         if (size == 0)
             return true;
         request_.body += chunk;
     }
+    return false;
 }
 
 bool Peer::readBody() {
     if (request_.header("Expect") == "100-continue" && !send("HTTP/1.1 100 Continue\r\n\r\n"))
         return false;
-    if (request_.header("Transfer-Encoding") == "chunked")
-        request_.isComplete = readChunks();
-    else
-        request_.isComplete =
-            readBytes(std::strtoul(request_.header("Content-Length").c_str(), nullptr, 10), &request_.body);
+    const std::size_t length = std::strtoul(request_.header("Content-Length").c_str(), nullptr, 10);
+    const bool chunked = request_.header("Transfer-Encoding") == "chunked";
+    request_.isComplete = chunked ? readChunks() : readBytes(length, &request_.body);
     record_(request_);
     return request_.isComplete;
 }
@@ -164,24 +146,6 @@ ScriptedServer::~ScriptedServer() {
         player.join();
 }
 
-void ScriptedServer::next(Script script) {
-    const std::lock_guard lock(mutex_);
-    scripts_.push_back(std::move(script));
-}
-
-void ScriptedServer::standing(Script script) {
-    const std::lock_guard lock(mutex_);
-    standing_ = std::move(script);
-}
-
-ScriptedServer::Script ScriptedServer::takeScript() {
-    if (scripts_.empty())
-        return standing_;
-    Script script = std::move(scripts_.front());
-    scripts_.pop_front();
-    return script;
-}
-
 void ScriptedServer::acceptAll() {
     for (std::size_t number = 0;; ++number) {
         FileDescriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -189,7 +153,12 @@ void ScriptedServer::acceptAll() {
         if (!socket.isOpen() || ending_)
             return;
         open_[number] = socket.get();
-        players_.emplace_back(&ScriptedServer::play, this, std::move(socket), takeScript(), number);
+        Script script = standing_;
+        if (!scripts_.empty()) {
+            script = std::move(scripts_.front());
+            scripts_.pop_front();
+        }
+        players_.emplace_back(&ScriptedServer::play, this, std::move(socket), std::move(script), number);
     }
 }
 
@@ -207,17 +176,12 @@ void ScriptedServer::play(FileDescriptor socket, Script script, std::size_t numb
 
 std::vector<Request> ScriptedServer::requests() {
     std::unique_lock lock(mutex_);
-    if (!idle_.wait_for(lock, PATIENCE, [this] { return open_.empty(); }))
+    if (!idle_.wait_for(lock, std::chrono::seconds(10), [this] { return open_.empty(); }))
         throw std::runtime_error("a script didn't end");
     std::vector<Request> list;
     for (const auto& [number, request] : recorded_)
         list.push_back(request);
     return list;
-}
-
-Request ScriptedServer::lastRequest() {
-    const std::vector<Request> all = requests();
-    return all.empty() ? Request{} : all.back();
 }
 
 std::string ok(std::string_view body) {

@@ -4,7 +4,6 @@
 // connections come, then the standing one. Every request is recorded as it came over the wire.
 #pragma once
 
-#include <cstddef>
 #include <list>
 
 #include "base/file_descriptor.h"
@@ -70,17 +69,27 @@ public:
     // What a target is called: "127.0.0.1:PORT".
     [[nodiscard]] const std::string& name() const { return name_; }
 
-    void next(Script script);      // for one more connection
-    void standing(Script script);  // for all after those; at first a close without a word
+    // For one more connection.
+    void next(Script script) {
+        const std::lock_guard lock(mutex_);
+        scripts_.push_back(std::move(script));
+    }
+    // For all after those; at first a close without a word.
+    void standing(Script script) {
+        const std::lock_guard lock(mutex_);
+        standing_ = std::move(script);
+    }
 
     // The requests whose head came, once no script is running any more.
     [[nodiscard]] std::vector<Request> requests();
-    [[nodiscard]] Request lastRequest();
+    [[nodiscard]] Request lastRequest() {
+        const std::vector<Request> all = requests();
+        return all.empty() ? Request{} : all.back();
+    }
 
 private:
     void acceptAll();
     void play(FileDescriptor socket, Script script, std::size_t number);
-    Script takeScript();
 
     FileDescriptor listener_;
     std::string name_;

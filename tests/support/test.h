@@ -50,7 +50,8 @@
 namespace testsupport {
 
 // Waits for a condition with a deadline that only a hung program meets.
-inline bool eventually(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(20)) {
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(20)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)

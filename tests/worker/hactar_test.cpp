@@ -5,20 +5,23 @@
 #include "config/directories.h"
 #include "support/daemon_fixture.h"
 #include "support/key_service.h"
-#include "support/test.h"
 
 namespace testsupport {
 namespace {
 
 namespace fs = std::filesystem;
 
-class Hactar : public DaemonTest {};
+class Hactar : public DaemonTest {
+protected:
+    fs::path disk = device();
+    fs::path file = disk / "hactar_7";
+};
 
 TEST_F(Hactar, HashingIsAskedForUnlessAnyOfTheTwoBitsIsSet) {
     tool("fileDedup", "echo \"$@\" >>\"$0.calls\"");
-    for (const int properties : {0, 1, 512, 1024, 1536}) {
-        backup(properties + 1, 2, 1000, "properties = " + std::to_string(properties));
-        EXPECT_EQ(hashBackup(static_cast<std::uint64_t>(properties) + 1), 0);
+    for (const unsigned properties : {0u, 1u, 512u, 1024u, 1536u}) {
+        backup(static_cast<int>(properties) + 1, 2, 1000, "properties = " + std::to_string(properties));
+        EXPECT_EQ(hashBackup(properties + 1), 0);
     }
     EXPECT_EQ(readFile(root / "usr/dq/bin/fileDedup.calls"), "-H1\n-H2\n");
     catalogue.sql("ALTER TABLE dq.backups RENAME TO hidden");
@@ -27,27 +30,19 @@ TEST_F(Hactar, HashingIsAskedForUnlessAnyOfTheTwoBitsIsSet) {
 
 TEST_F(Hactar, WaysInWhichAToolEnds) {
     backup(7, 2, 1000, "properties = 0");
-    const struct {
-        const char* what;
-        const char* script;
-        int hashing;
-        int making;
-        const char* log;
-    } cases[] = {
-        {"success", "exit 0", 0, 0, "completed successfully.\n"},
-        {"locked", "exit 3", HASH_LOCKED, -1, "failed, exited with status=3.\n"},
-        {"failure", "exit 255", 255, -1, "failed, exited with status=255.\n"},
-        {"killed", "kill -9 $$", 137, -1, "failed, exited with status=137.\n"},
+    const std::tuple<const char*, int, int, const char*> cases[] = {
+        {"exit 0", 0, 0, "completed successfully.\n"},
+        {"exit 3", HASH_LOCKED, -1, "failed, exited with status=3.\n"},
+        {"exit 255", 255, -1, "failed, exited with status=255.\n"},
+        {"kill -9 $$", 137, -1, "failed, exited with status=137.\n"},
         // A shell that is killed has an exit status of 0; the send phase finds the blocks missing.
-        {"shell killed", "kill -9 $PPID", 0, -1, "failed due to signal Killed.\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        tool("fileDedup", c.script);
-        tool("recipe", std::string("[ \"$*\" = '-b 7' ] || exit 9\n") + c.script);
-        EXPECT_EQ(hashBackup(7), c.hashing);
-        EXPECT_EQ(createHactar(7), c.making);
-        EXPECT_TRUE(root.logged(c.log)) << root.log();
+        {"kill -9 $PPID", 0, -1, "failed due to signal Killed.\n"}};
+    for (const auto& [script, hashing, making, log] : cases) {
+        tool("fileDedup", script);
+        tool("recipe", std::string("[ \"$*\" = '-b 7' ] || exit 9\n") + script);
+        EXPECT_EQ(hashBackup(7), hashing) << script;
+        EXPECT_EQ(createHactar(7), making) << script;
+        EXPECT_TRUE(root.logged(log)) << root.log();
     }
     fs::remove(root / "usr/dq/bin/recipe");
     EXPECT_EQ(createHactar(7), -1);
@@ -61,8 +56,7 @@ TEST_F(Hactar, NoTwoToolsWorkOnTheFileOfOneBackup) {
     EXPECT_EQ(createHactar(7), 0);
     std::thread second([] { EXPECT_EQ(createHactar(7), 0); });
     EXPECT_EQ(createHactar(8), 0) << "another backup's file is another matter";
-    EXPECT_TRUE(
-        comesTrue([this] { return root.logged("of backup 7 is still being made by an earlier run, waiting"); }));
+    EXPECT_TRUE(eventually([this] { return root.logged("of backup 7 is still being made by an earlier run"); }));
     writeFile(root / "usr/dq/bin/recipe.go", "");
     second.join();
     EXPECT_EQ(readFile(root / "usr/dq/bin/recipe.calls"), "7\n8\nend\n7\n");
@@ -70,24 +64,20 @@ TEST_F(Hactar, NoTwoToolsWorkOnTheFileOfOneBackup) {
 
 TEST_F(Hactar, ToolsAreFoundBehindABlankInThePath) {
     backup(7, 2, 1000, "properties = 0");
-    fs::create_directories(root / "usr/a b; exit 5");
+    tool("fileDedup", "exit 42");
     g_bindir = root / "usr/a b; exit 5";
-    writeFile(fs::path(g_bindir) / "fileDedup", "#!/bin/sh\nexit 42\n");
-    fs::permissions(fs::path(g_bindir) / "fileDedup", fs::perms::owner_all);
+    fs::rename(root / "usr/dq/bin", g_bindir);
     EXPECT_EQ(hashBackup(7), 42);
 }
 
 TEST_F(Hactar, IsRemovedOnceAndGoneIsRemoved) {
-    const fs::path disk = device();
     backup(7);
     backup(8);
-    writeFile(disk / "hactar_7", "x");
+    writeFile(file, "x");
     writeFile(disk / "hactar_8", "x");
-    EXPECT_EQ(removeHactar(7), 0);
-    EXPECT_FALSE(fs::exists(disk / "hactar_7"));
-    EXPECT_TRUE(fs::exists(disk / "hactar_8"));
-    EXPECT_EQ(removeHactar(7), 0);
-    fs::create_directories(disk / "hactar_7");
+    EXPECT_EQ(removeHactar(7) + removeHactar(7), 0);
+    EXPECT_TRUE(!fs::exists(file) && fs::exists(disk / "hactar_8"));
+    fs::create_directories(file);
     EXPECT_EQ(removeHactar(7), -1) << "what can't be unlinked";
     EXPECT_EQ(removeHactar(9), -1) << "no such backup";
     catalogue.sql("UPDATE dq.devices SET dev_rw_name = ''");
@@ -96,24 +86,20 @@ TEST_F(Hactar, IsRemovedOnceAndGoneIsRemoved) {
 
 TEST_F(Hactar, EncryptedOneIsSentDecryptedOrNotAtAll) {
     Target target;
-    const fs::path disk = device();
     backup(7, 2, 1000, "properties = 768");
-    writeFile(disk / "hactar_7", "secret");
+    writeFile(file, "secret");
     int curlCode = 0;
     EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), -1);
     EXPECT_TRUE(target.requests().empty());
     EXPECT_TRUE(root.logged("Failed to send encrypted Hactar, backup_no:7"));
     const lab::Process service = startKeyService(root);
-    writeFile(disk / "hactar_7", sealed("secret of thirty-two characters."));
+    writeFile(file, sealed("secret of thirty-two characters."));
     EXPECT_EQ(sendHactar(7, target.name(), 77, 0, &curlCode), 0);
     EXPECT_EQ(target.request("f").body, "secret of thirty-two characters.");
-    EXPECT_EQ(g_bytesSent, 1536u + 32u);
-    g_bytesSent = 0;
-    writeFile(disk / "hactar_7", "secret");
+    EXPECT_EQ(g_bytesSent, 1536u + 32u) << "what the file holds";
     catalogue.sql("UPDATE dq.backups SET properties = 512");
     EXPECT_EQ(sendHactar(7, target.name(), 77, 12, &curlCode), 0);
-    EXPECT_EQ(target.request("f").body, "secret");
-    EXPECT_EQ(g_bytesSent, 6u);
+    EXPECT_EQ(target.request("f").body, readFile(file));
 }
 
 TEST_F(Hactar, StatisticsHoldWhatHappened) {
@@ -132,8 +118,7 @@ TEST_F(Hactar, StatisticsHoldWhatHappened) {
 
     catalogue.sql("UPDATE dq.nodes SET properties = 32, gcname = 'imported'; DROP FUNCTION dq.update_summary_charts");
     EXPECT_EQ(updateSdsStats(7, 0, 0, 0, 1, "", "vault"), 0) << "neither the charts nor a second row stop it";
-    EXPECT_TRUE(root.logged("Double insert into sds_stats attempted."));
-    EXPECT_TRUE(root.logged("Replication failed to update summary_charts table!\n"));
+    EXPECT_TRUE(root.logged("Double insert into sds_stats") && root.logged("failed to update summary_charts table!"));
     EXPECT_EQ(catalogue.value("SELECT client_name FROM dq.sds_stats WHERE done_epoch = 1"), "imported");
 }
 
