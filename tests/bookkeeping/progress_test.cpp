@@ -41,7 +41,7 @@ TEST_F(Progress, RowIsWrittenInMegabytesAndUpdatedInPlace) {
     OperationProgress other = record;
     other.on_behalf_of = "somebody else";
     EXPECT_EQ(closeProgress(other), 0);
-    EXPECT_EQ(sizes(), "1500");
+    EXPECT_EQ(sizes(), "1500") << "this row is another's";
     EXPECT_EQ(closeProgress(record) + closeProgress(record), 0);
     EXPECT_EQ(sizes(), "");
     // Of a backup whose size isn't known, one percent of what was sent.
