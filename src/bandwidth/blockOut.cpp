@@ -138,7 +138,7 @@ BandwidthHandle* getBandwidthHandle() {
     detach(made.get());
     if (keepThreadRecord(g_key, made.get()) == -1)
         return nullptr;
-    return made.release();  // NOLINT(clang-analyzer-unix.Malloc): the key's destructor frees it
+    return made.release();  // the key's destructor frees it
 }
 
 int createBandwidthTable() {
