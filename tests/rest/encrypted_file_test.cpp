@@ -3,15 +3,11 @@
 #include "rest/files.h"
 #include "support/hashed_backup.h"
 #include "support/key_service.h"
-#include "support/root.h"
 #include "support/scripted_server.h"
-#include "support/test.h"
 
 namespace {
 
-using testsupport::answer;
-using testsupport::ok;
-using testsupport::sealed;
+using namespace testsupport;
 
 constexpr int ABORTED = 42;  // libcurl's code for a read side that gave up
 
@@ -25,90 +21,71 @@ protected:
         root.masterIni(std::string("[Configuration Options]\n  inlineCryption=") + (inService ? "no" : "yes") + "\n");
     }
 
-    testsupport::TestRoot root;
+    TestRoot root;
     lab::Process service = startKeyService(root);
-    testsupport::ScriptedServer server;
+    ScriptedServer server;
     std::string path = root / "hactar_12";
-    std::string content = testsupport::randomBytes(3 << 20, 5);
+    std::string content = randomBytes(3 << 20, 5);
     int curl = -1;
 };
 
 TEST_F(EncryptedFiles, ArriveAsTheyWereBeforeEncryption) {
-    for (const bool inService : {false, true}) {
-        cipherInService(inService);
+    for (const bool inService : {false, true})
         for (const std::size_t size : {std::size_t{0}, std::size_t{32}, std::size_t{65536 + 32}, content.size()}) {
-            SCOPED_TRACE(size);
-            testsupport::writeFile(path, sealed(content.substr(0, size)));
+            cipherInService(inService);
+            writeFile(path, sealed(content.substr(0, size)));
             server.next(answer(ok("")));
             EXPECT_EQ(put(), 0);
             EXPECT_EQ(curl, 0);
-            const testsupport::Request request = server.lastRequest();
+            const Request request = server.lastRequest();
             EXPECT_EQ(request.path(), "/cgi-bin/vaultServer/f-" + path);
             EXPECT_EQ(request.ownHeaders(), "X-Protocol: 1|X-SRCENC: 1|X-BackupNo: 31|X-ElapsedTime: 66");
             EXPECT_EQ(request.header("Content-Length"), std::to_string(size));
-            EXPECT_TRUE(request.isComplete && request.body == content.substr(0, size));
+            EXPECT_TRUE(request.isComplete && request.body == content.substr(0, size)) << size;
         }
-    }
 }
 
 TEST_F(EncryptedFiles, ThatCannotBeOpenedMakeNoRequest) {
     server.standing(answer(ok("")));
     const std::string good = sealed(content.substr(0, 320));
-    EXPECT_EQ(put(), -1);
-    EXPECT_TRUE(root.logged("Failed to open:" + path));
-    testsupport::writeFile(path, good.substr(0, 1535));
-    EXPECT_EQ(put(), -1);
-    EXPECT_TRUE(root.logged("read failed"));
+    const auto expect = [&](const char* log) { EXPECT_TRUE(put() == -1 && root.logged(log)) << log; };
+    expect("Failed to open:/");
+    writeFile(path, good.substr(0, 1535));
+    expect("read failed");
     std::string damaged = good;
     damaged[1000] ^= 1;
-    testsupport::writeFile(path, damaged);
-    EXPECT_EQ(put(), -1);
-    EXPECT_TRUE(root.logged("Failed CDlibInitCryptWithToken") && root.logged("Error:the token is damaged"));
-    testsupport::writeFile(path, good);
+    writeFile(path, damaged);
+    expect("Error:the token is damaged");
+    writeFile(path, good);
     service.stop(SIGTERM);
-    EXPECT_EQ(put(), -1);
-    EXPECT_TRUE(root.logged("Error:CryptoDaemon's not running or we're unprivileged"));
+    expect("Error:CryptoDaemon's not running or we're unprivileged");
     EXPECT_TRUE(server.requests().empty());
 }
 
-TEST_F(EncryptedFiles, ThatGoWrongOnTheWayFailTheTransfer) {
+TEST_F(EncryptedFiles, ThatChangeOnTheWayAreSentAsAnnouncedOrFailTheTransfer) {
     const std::string good = sealed(content);
-    const auto expect = [&](const char* what, bool inService, std::size_t surplus, const std::function<void()>& upset,
-                            const char* log) {
-        SCOPED_TRACE(what);
+    const auto expect = [&](const char* what, bool inService, const std::string& file, int code, const char* log,
+                            const std::function<void()>& upset) {
         cipherInService(inService);
-        testsupport::writeFile(path, good + content.substr(0, surplus));
-        server.next([&](testsupport::Peer& peer) {
+        writeFile(path, file);
+        server.next([&](Peer& peer) {
             peer.readHead();
             upset();
             peer.readBody();
             peer.send(ok(""));
         });
         (void)put();
-        EXPECT_EQ(curl, ABORTED);
-        const testsupport::Request request = server.lastRequest();
-        EXPECT_FALSE(request.isComplete);
-        EXPECT_TRUE(content.starts_with(request.body)) << "nothing but what was decrypted";
-        EXPECT_TRUE(root.logged(log));
+        const Request request = server.lastRequest();
+        EXPECT_EQ(curl, code) << what;
+        EXPECT_EQ(request.isComplete, code == 0) << what;
+        EXPECT_TRUE(content.starts_with(request.body) && root.logged(log)) << what << ": all of it decrypted";
     };
-    expect(
-        "a last piece of no unit", false, 42, [] {}, "dataInBytes not zero; decrypt failed");
-    expect(
-        "cut", false, 0, [this] { std::filesystem::resize_file(path, 1 << 20); }, "EOF");
-    expect(
-        "service gone", true, 0, [this] { service.stop(SIGKILL); }, "input encryption header: Kestrelix encrypted");
-    // One that grows is sent as announced.
-    service = startKeyService(root);
-    testsupport::writeFile(path, good.substr(0, 1536 + 64));
-    server.next([&](testsupport::Peer& peer) {
-        peer.readHead();
-        testsupport::writeFile(path, good);
-        peer.readBody();
-        peer.send(ok(""));
-    });
-    EXPECT_EQ(put(), 0);
-    EXPECT_EQ(curl, 0);
-    EXPECT_TRUE(server.lastRequest().body == content.substr(0, 64));
+    expect("grows", false, good.substr(0, 1600), 0, "", [&] { writeFile(path, good); });
+    expect("no unit at the end", false, good + content.substr(0, 42), ABORTED, "dataInBytes not zero; decrypt failed",
+           [] {});
+    expect("cut", false, good, ABORTED, "EOF", [&] { std::filesystem::resize_file(path, 1 << 20); });
+    expect("service gone", true, good, ABORTED, "input encryption header: Kestrelix encrypted",
+           [&] { service.stop(SIGKILL); });
 }
 
 }  // namespace

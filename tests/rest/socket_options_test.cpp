@@ -7,7 +7,6 @@
 #include "rest/session_internal.h"
 #include "support/root.h"
 #include "support/scripted_server.h"
-#include "support/test.h"
 
 namespace {
 
@@ -36,13 +35,12 @@ TEST(SocketOptions, FollowTheFileAndOutliveTheirKeys) {
     int curl = 0;
     const auto expect = [&](const char* what, const std::string& keys, bool installed,
                             const std::vector<int>& options) {
-        SCOPED_TRACE(what);
         root.masterIni("[Replication]\n" + keys);
         readSocketOptions(g_master_ini);
         root.clearLog();
         EXPECT_EQ(endBackup(server.name(), "u", "m", &curl), 0);
-        EXPECT_EQ(root.logged("Starting sockopt_callback"), installed);
-        EXPECT_EQ(optionsOfNewSocket(), options);
+        EXPECT_EQ(root.logged("Starting sockopt_callback"), installed) << what;
+        EXPECT_EQ(optionsOfNewSocket(), options) << what;
     };
     const std::vector<int> allSet = {1, 77, 3, 5, 9, 9};
     expect("defaults", "", true, {1, 600, 6, 300, 0, 0});
