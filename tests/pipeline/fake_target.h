@@ -4,7 +4,6 @@
 #include "rest/blocks.h"
 #include "support/hashed_backup.h"
 #include "support/scripted_server.h"
-#include "support/test.h"
 
 namespace testsupport {
 
@@ -45,26 +44,32 @@ public:
     }
 
 private:
+    // Takes the first of a queue, if there is one.
+    template <typename T>
+    static std::optional<T> next(std::deque<T>& queue) {
+        if (queue.empty())
+            return {};
+        const T first = queue.front();
+        queue.pop_front();
+        return first;
+    }
+
     std::string replyTo(const Request& request) {
         const std::string name = nameOf(request);
         if (state_.beforeReply)
             state_.beforeReply(name);
         const std::lock_guard lock(mutex_);
         EXPECT_EQ(request.header("X-BackupNo"), name == "backup-check" ? "" : "31");
-        if (std::deque<std::string>& replies = state_.instead[name]; !replies.empty()) {
-            const std::string reply = replies.front();
-            replies.pop_front();
-            if (reply != AS_EVER)
-                return reply;
-        }
+        if (const auto reply = next(state_.instead[name]); reply && *reply != AS_EVER)
+            return *reply;
         if (name == "post-check-offset")
             return ok(whichAreHere(request.body));
-        if (name == "multiblock")
-            storeAll(request);
-        else if (name == "backup-block-count")
+        if (name == "backup-block-count")
             return ok(count());
-        else
-            store(request.body, request.path().substr(request.path().rfind('-') + 1));
+        if (name == "multiblock")
+            return storeAll(request), ok("");
+        EXPECT_TRUE(request.path().ends_with("-" + hashValueHex(recordOf(request.body))));
+        state_.blocks.insert(request.body);
         return ok("");
     }
 
@@ -84,11 +89,7 @@ private:
     }
 
     void storeAll(const Request& request) {
-        std::size_t room = std::string::npos;
-        if (!state_.keeps.empty()) {
-            room = state_.blocks.size() + state_.keeps.front();
-            state_.keeps.pop_front();
-        }
+        const std::size_t room = state_.blocks.size() + next(state_.keeps).value_or(INT_MAX);
         int number = 0;
         std::string block;
         for (std::size_t at = 0; at < request.body.size(); at += BLOCK_HEADER_SIZE + block.size(), ++number) {
@@ -103,20 +104,9 @@ private:
         EXPECT_EQ(request.header("X-ClusterAmt"), std::to_string(number));
     }
 
-    void store(const std::string& block, const std::string& hex) {
-        EXPECT_EQ(hashValueHex(recordOf(block)), hex);
-        state_.blocks.insert(block);
-    }
-
     std::string count() {
-        auto number = static_cast<std::int64_t>(state_.blocks.size());
-        if (!state_.countErrors.empty()) {
-            number += state_.countErrors.front();
-            state_.countErrors.pop_front();
-        }
-        std::string reply(sizeof number, '\0');
-        std::memcpy(reply.data(), &number, sizeof number);
-        return reply;
+        const auto number = static_cast<std::int64_t>(state_.blocks.size()) + next(state_.countErrors).value_or(0);
+        return {reinterpret_cast<const char*>(&number), sizeof number};
     }
 
     std::mutex mutex_;

@@ -19,15 +19,14 @@ TEST_F(SendBlocks, WhatNoCheckpointMadeGoodIsTheResult) {
     const auto expect = [&](const char* what, const std::deque<std::string>& instead,
                             const std::deque<std::int64_t>& countErrors, int result, std::size_t held,
                             const char* logged) {
-        SCOPED_TRACE(what);
         root.clearLog();
         target->blocks.clear();
         target->instead = {{"multiblock", instead}};
         target->countErrors = countErrors;
         const int code = send();
-        EXPECT_EQ(code > 0 ? CURL_FAILURE : code, result) << code;
-        EXPECT_EQ(target->blocks.size(), held);
-        EXPECT_TRUE(root.logged(logged)) << root.log();
+        EXPECT_EQ(code > 0 ? CURL_FAILURE : code, result) << what;
+        EXPECT_EQ(target->blocks.size(), held) << what;
+        EXPECT_TRUE(root.logged(logged)) << what << root.log();
     };
     expect("hung up twice, nothing compares", {HANG_UP, HANG_UP}, {}, -1, 0, "failed retry, abort replication job");
     settings.checkpoint = true;

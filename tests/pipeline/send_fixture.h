@@ -4,7 +4,6 @@
 #include "fake_target.h"
 #include "pipeline/send_phase.h"
 #include "support/hashed_backup.h"
-#include "support/test.h"
 
 namespace testsupport {
 
@@ -24,14 +23,7 @@ protected:
         progress.next_size = 0;  // a write is due at once
     }
 
-    int send(SendPhase phase) {
-        return phase(settings, {.backupNo = 7,
-                                .url = target.name(),
-                                .backupNoOnTarget = 31,
-                                .progress = &progress,
-                                .bytesSent = &bytesSent,
-                                .bandwidthTable = bandwidthTable});
-    }
+    int send(SendPhase phase) { return phase(settings, job); }
 
     static Blocks blocksOf(const std::vector<std::size_t>& sizes) {
         Blocks blocks;
@@ -61,7 +53,8 @@ protected:
     ReplicationSettings settings;
     OperationProgress progress;
     std::uint64_t bytesSent = 0;
-    int bandwidthTable = -1;
+    SendJob job{
+        .backupNo = 7, .url = target.name(), .backupNoOnTarget = 31, .progress = &progress, .bytesSent = &bytesSent};
 
 private:
     std::size_t seen_ = 0;

@@ -7,19 +7,11 @@
 #include "pipeline/pipeline_internal.h"
 #include "pipeline/threadBuffer.h"
 #include "send_fixture.h"
-#include "support/test.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace testsupport;
-
-template <typename Condition>
-void waitUntil(const Condition& isMet, std::chrono::milliseconds patience = 30s) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!isMet() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-}
 
 class Threads : public SendFixture {
 protected:
@@ -36,14 +28,11 @@ TEST_F(Threads, KeysOfAnySizeWork) {
     makeBackup(7, blocks);
     std::int64_t size = 1500;
     const auto expect = [&](const std::string& text, const char* logged) {
-        SCOPED_TRACE(text);
         target->blocks.clear();
         progress.current_size = 0;
         keys(text);
-        EXPECT_EQ(send(), 0);
-        EXPECT_TRUE(targetHas(blocks));
-        EXPECT_EQ(progress.current_size, size) << "counted once a batch";
-        EXPECT_TRUE(root.logged(logged));
+        EXPECT_TRUE(send() == 0 && targetHas(blocks) && root.logged(logged)) << text;
+        EXPECT_EQ(progress.current_size, size) << text << "counted once a batch";
     };
     settings.metaSize = 1;
     expect("ThreadBufferCount=1\nSendThreadCount=3\nReadThreadCount=2\n", "Threads created. Read:1, Send:3");
@@ -58,7 +47,7 @@ TEST_F(Threads, KeysOfAnySizeWork) {
     size = 12006;
     target->beforeReply = [this](const std::string& name) {
         if (name == "multiblock")
-            waitUntil([this] { return root.logged("Timeout in metaThread"); }, 100ms);
+            eventually([this] { return root.logged("Timeout in metaThread"); }, 100ms);
     };
     for (const char* const limit : {"0", "-1", "2147483647"})
         expect("SendThreadCount=1\nThreadBufferCount=2\nMetaThreadTimeoutSeconds=" + std::string(limit) + "\n", "");
@@ -71,22 +60,20 @@ TEST_F(Threads, AFailureIsTheResultAndWhoeverWaitsIsWokenAndNotTimedOut) {
     // `held`: the log's word that the target's replies wait for.
     const auto expect = [&](const char* what, const std::string& threads, bool checkpoint, int failures,
                             const char* held) {
-        SCOPED_TRACE(what);
         settings.checkpoint = checkpoint;
         target->blocks.clear();
         root.clearLog();
         keys("MetaThreadTimeoutSeconds=60\n" + threads);
         target->instead = {{"multiblock", std::deque<std::string>(static_cast<std::size_t>(failures), HANG_UP)}};
         target->beforeReply = [this, held](const std::string& name) {
-            if (name == "multiblock")
-                waitUntil([&] { return root.logged(held); });
+            EXPECT_TRUE(name != "multiblock" || eventually([&] { return root.logged(held); }));
         };
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(send(), failures > 0 ? -1 : 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
-        EXPECT_TRUE(failures > 0 || targetHas(blocks));
+        EXPECT_EQ(send(), failures > 0 ? -1 : 0) << what;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << what;
+        EXPECT_TRUE(failures > 0 || targetHas(blocks)) << what;
         target->instead.clear();
-        EXPECT_TRUE(send() == 0 && targetHas(blocks)) << "the next try";
+        EXPECT_TRUE(send() == 0 && targetHas(blocks)) << what << ", the next try";
     };
     const std::string few = "SendThreadCount=1\nThreadBufferCount=2\n";
     const std::string many = "SendThreadCount=1\nThreadBufferCount=9\n";
@@ -105,13 +92,12 @@ TEST_F(Threads, ACheckpointFindsWhatTheTargetLost) {
     const Blocks blocks = blocksOf({100, 200, 300, 400, 500, 600});
     makeBackup(7, blocks);
     const auto expect = [&](const char* what, const std::deque<std::size_t>& keeps, int result, const char* logged) {
-        SCOPED_TRACE(what);
         root.clearLog();
         target->blocks.clear();
         target->keeps = keeps;
-        EXPECT_EQ(send(), result);
-        EXPECT_EQ(targetHas(blocks), result == 0);
-        EXPECT_TRUE(root.logged(logged)) << root.log();
+        EXPECT_EQ(send(), result) << what;
+        EXPECT_EQ(targetHas(blocks), result == 0) << what;
+        EXPECT_TRUE(root.logged(logged)) << what << root.log();
     };
     expect("nothing lost", {}, 0, "6 blocks reported on target, 6 blocks expected.");
     expect("one lost", {3}, 0, "retry last batch of blocks. Total checkpoint data size: 1000.");
@@ -171,7 +157,7 @@ TEST_F(Threads, WhoHasNothingToSendIsNotAttached) {
     keys("MetaThreadTimeoutSeconds=60\n");
     settings.checkpoint = true;  // the phase isn't at its end before the reply
     ASSERT_EQ(createBandwidthTable(), 0);
-    bandwidthTable = getBandwidthTableId();
+    job.bandwidthTable = getBandwidthTableId();
     shmid_ds state{};
     const auto bothHaveWaited = [&] {
         const std::string log = root.log();
@@ -180,8 +166,8 @@ TEST_F(Threads, WhoHasNothingToSendIsNotAttached) {
     target->beforeReply = [&](const std::string& name) {
         if (name != "multiblock")
             return;
-        waitUntil(bothHaveWaited);
-        waitUntil([&] { return shmctl(bandwidthTable, IPC_STAT, &state) == 0 && state.shm_nattch == 2; }, 10s);
+        EXPECT_TRUE(eventually(bothHaveWaited));
+        eventually([&] { return shmctl(job.bandwidthTable, IPC_STAT, &state) == 0 && state.shm_nattch == 2; }, 10s);
     };
     EXPECT_EQ(send(), 0);
     EXPECT_EQ(state.shm_nattch, 2u) << "this thread and the sender";
@@ -190,8 +176,6 @@ TEST_F(Threads, WhoHasNothingToSendIsNotAttached) {
 
 class Shared : public Threads {
 protected:
-    SendJob job{
-        .backupNo = 7, .url = target.name(), .backupNoOnTarget = 31, .progress = &progress, .bytesSent = &bytesSent};
     ThreadBuffer shared{settings, job, 3};
 };
 
@@ -248,12 +232,14 @@ TEST_F(Shared, OnlyThreadsThatNothingCanWakeAreDead) {
     using Stall = ThreadBuffer::Stall;
     const auto found = [&] { return shared.findStall(shared.blockList.lockAccess()); };
     WorkBuffer* const buffer = shared.takeEmpty(shared.lockEmptyList());
-    std::thread sender([&] {
+    const auto wait = [&] {
         TracedLock lock = shared.lockFullList();
         shared.waitFullList(&lock);
-    });
+    };
+    const auto isWaiting = [&] { return shared.waitingThreads() == 1; };
+    std::thread sender(wait);
     shared.totalThreads = 2;
-    waitUntil([&] { return shared.waitingThreads() == 1; });
+    EXPECT_TRUE(eventually(isWaiting));
     EXPECT_EQ(found(), Stall::Running);
     shared.totalThreads = 1;
     EXPECT_EQ(found(), Stall::Dead);
@@ -265,11 +251,8 @@ TEST_F(Shared, OnlyThreadsThatNothingCanWakeAreDead) {
     sender.join();
     shared.putFull(buffer);
     shared.timeoutSeconds = 60;
-    sender = std::thread([&] {
-        TracedLock lock = shared.lockFullList();
-        shared.waitFullList(&lock);
-    });
-    waitUntil([&] { return shared.waitingThreads() == 1; });
+    sender = std::thread(wait);
+    EXPECT_TRUE(eventually(isWaiting));
     EXPECT_EQ(found(), Stall::Waking);
     shared.wakeAll();
     sender.join();
@@ -282,10 +265,10 @@ TEST_F(Shared, ALostSignalCostsTimeAndNoMore) {
     shared.totalThreads = 1;
     shared.timeoutSeconds = 1;
     std::thread meta(metaThread, &shared);
-    waitUntil([&] {
+    EXPECT_TRUE(eventually([&] {
         const TracedLock access = shared.blockList.lockAccess();
         return shared.blockList.remaining() > 0;
-    });
+    }));
     auto reader = std::async(std::launch::async, [&] {
         TracedLock access = shared.blockList.lockAccess();
         shared.blockList.waitFull(&access);
@@ -295,9 +278,7 @@ TEST_F(Shared, ALostSignalCostsTimeAndNoMore) {
             shared.blockList.waitFull(&access);
         return shared.getExitCode();
     });
-    const bool isBack = reader.wait_for(30s) == std::future_status::ready;
-    EXPECT_TRUE(isBack);
-    if (!isBack) {
+    if (reader.wait_for(30s) != std::future_status::ready) {
         shared.setExitCode(PHASE_FAILED);
         shared.wakeAll();
         shared.wakeAll();

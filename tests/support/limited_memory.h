@@ -7,11 +7,12 @@
 
 #include "support/test.h"
 
-// The largest piece of memory that can be had.
+// The largest piece of memory that can be had, and a size of which there is none.
 inline std::atomic<std::size_t> g_largestPiece = SIZE_MAX;
+inline std::atomic<std::size_t> g_failingSize = 0;
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return size <= g_largestPiece ? std::malloc(size) : nullptr;
+    return size <= g_largestPiece && size != g_failingSize ? std::malloc(size) : nullptr;
 }
 void* operator new(std::size_t size) {
     void* const piece = operator new(size, std::nothrow);
