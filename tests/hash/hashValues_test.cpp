@@ -4,23 +4,27 @@
 #include "hash/hashed_contents.h"
 #include "hash/store_access.h"
 #include "hash_fixture.h"
-#include "support/test.h"
 
 namespace {
 
-using testsupport::at;
-using testsupport::recordOf;
-using testsupport::records;
-using HashValues = testsupport::HashCatalogue;
+using namespace testsupport;
+using Offsets = std::vector<hashOffset>;
+using Values = std::vector<hashValue>;
+
+class HashValues : public HashCatalogue {
+protected:
+    std::string count(const std::string& table) { return catalogue.value("SELECT count(*) FROM dq." + table); }
+
+    HashValuesPtr handle;
+};
 
 TEST_F(HashValues, RecordsAreFoundByIDAndByDigestWhateverTheOrder) {
-    HashValuesPtr handle;
-    std::vector<hashValue> put = records(0, 1500);
-    std::vector<hashOffset> offsets;
+    Values put = records(0, 1500);
+    Offsets offsets;
     for (int i = 0; i < 1500; ++i)
         offsets.push_back(at(i * 100));
     ASSERT_EQ(putAllHashValues(&handle, 3, 0, put, offsets), 0);
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values WHERE backup_no = 3"), "1500");
+    EXPECT_EQ(count("backups_hash_values WHERE backup_no = 3"), "1500");
 
     std::vector<hashReferenceInfo> wanted(3001);
     for (std::size_t i = 0; i < 1500; ++i) {
@@ -31,20 +35,19 @@ TEST_F(HashValues, RecordsAreFoundByIDAndByDigestWhateverTheOrder) {
     static_cast<hashValue&>(wanted[3000]) = wanted[7];  // the same block twice
     ASSERT_EQ(getHashValues_hri(&handle, wanted), 0);
     for (std::size_t i = 0; i < 1500; ++i) {
+        const hashReferenceInfo& byID = wanted[i + 1500];
         ASSERT_EQ(wanted[i].flags, hashValue_in | hashID_out | hashValue_out);
-        ASSERT_EQ(wanted[i].hashID, put[1499 - i].hashID);
-        ASSERT_EQ(wanted[i].SISoffset, NO_SIS_OFFSET);
-        ASSERT_EQ(wanted[i + 1500].flags, hashID_in | hashID_out | hashValue_out);
-        ASSERT_EQ(std::memcmp(wanted[i + 1500].digest, put[i].digest, 64), 0);
-        ASSERT_EQ(wanted[i + 1500].hashedLength, put[i].hashedLength);
+        ASSERT_TRUE(wanted[i].hashID == put[1499 - i].hashID && wanted[i].SISoffset == NO_SIS_OFFSET);
+        ASSERT_EQ(byID.flags, hashID_in | hashID_out | hashValue_out);
+        ASSERT_EQ(hashValueHex(byID), hashValueHex(put[i]));
+        ASSERT_EQ(byID.hashedLength, put[i].hashedLength);
     }
     EXPECT_EQ(wanted[3000].hashID, wanted[7].hashID);
 }
 
 TEST_F(HashValues, ARecordWithoutARowOrAKeyStaysWithoutOutFlags) {
-    HashValuesPtr handle;
     const std::uint64_t known = addHash("known");
-    std::vector<hashValue> list = {recordOf("unknown"), {}, {}, recordOf("known"), recordOf("known")};
+    Values list = {recordOf("unknown"), {}, {}, recordOf("known"), recordOf("known")};
     list[1].flags = hashID_in;
     list[1].hashID = known + 1000;
     list[2].flags = hashID_out;
@@ -58,61 +61,57 @@ TEST_F(HashValues, ARecordWithoutARowOrAKeyStaysWithoutOutFlags) {
 }
 
 TEST_F(HashValues, DuplicatesInOnePutAreStoredOnceAndAllTold) {
-    HashValuesPtr handle;
-    std::vector<hashValue> list = {recordOf("a"), recordOf("b"), recordOf("a"), recordOf("a")};
-    std::vector<hashOffset> offsets = {at(0), at(10), at(0), at(20)};
+    Values list = {recordOf("a"), recordOf("b"), recordOf("a"), recordOf("a")};
+    Offsets offsets = {at(0), at(10), at(0), at(20)};
     ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.hash_values"), "2");
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values"), "3");
-    for (const hashOffset& offset : offsets)
-        EXPECT_EQ(offset.flags, offset_in | offset_out);
-    for (const hashValue& value : list)
-        EXPECT_EQ(value.flags, hashValue_in | hashID_out | hashValue_out);
-
+    EXPECT_EQ(count("hash_values"), "2");
+    EXPECT_EQ(count("backups_hash_values"), "3");
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(offsets[i].flags, offset_in | offset_out);
+        EXPECT_EQ(list[i].flags, hashValue_in | hashID_out | hashValue_out);
+    }
     offsets.push_back(at(30));
     list.push_back(recordOf("c"));
     ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0) << "again, with one more";
     for (std::size_t i = 0; i < 5; ++i)
         EXPECT_EQ(offsets[i].flags, i == 4 ? offset_in | offset_out : offset_in) << i;
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.backups_hash_values"), "4");
+    EXPECT_EQ(count("backups_hash_values"), "4");
 }
 
 TEST_F(HashValues, AFailedPutLeavesNothingBehind) {
-    HashValuesPtr handle;
-    const auto rows = [&] { return catalogue.value("SELECT count(*) FROM dq.hash_values"); };
-    std::vector<hashValue> list = records(0, 3);
-    std::vector<hashOffset> offsets = {at(0), at(10), {0, 0, 20}};
-    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "a mapping without an offset";
-    EXPECT_EQ(rows(), "0");
+    Values list = records(0, 3);
+    Offsets offsets = {at(0), at(10), {0, 0, 20}};
+    const auto expectFailure = [&](const char* what) {
+        EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << what;
+        EXPECT_EQ(count("hash_values"), "0") << what;
+    };
+    expectFailure("a mapping without an offset");
     offsets[2] = at(10);
-    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "two hashes at one place";
-    EXPECT_EQ(rows(), "0");
+    expectFailure("two hashes at one place");
     for (const hashOffset& offset : offsets)
         EXPECT_EQ(offset.flags, offset_in);
     offsets[2] = at(20);
     EXPECT_EQ(putBackupsHashValues(&handle, 1, 0, list, offsets), -1) << "hashes that must exist";
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, std::span(offsets).first(2)), -1) << "lists of unlike length";
     std::memcpy(list[1].hashType, "sha1\0\0", 7);
-    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1) << "an unknown type";
-    EXPECT_EQ(rows(), "0");
+    expectFailure("an unknown type");
     list[1] = recordOf("block 1");
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0) << "the handle is still good";
     EXPECT_EQ(putBackupsHashValues(&handle, 2, 0, list, offsets), 0);
-    EXPECT_EQ(rows(), "3");
+    EXPECT_EQ(count("hash_values"), "3");
 }
 
 TEST_F(HashValues, ADeduplicatedMappingNeedsDataSomewhere) {
-    HashValuesPtr handle;
     const std::uint64_t inBackup = addHash("in a backup");
     addMapping(1, inBackup, 0);
     addMapping(1, addHash("half hashed"), 100, "NULL", true);
     addMapping(1, addHash("only a reference"), 200, "7");
-    std::vector<hashValue> list = {recordOf("in a backup"), recordOf("half hashed"), recordOf("only a reference"),
-                                   recordOf("in the store"), recordOf("nowhere")};
+    Values list = {recordOf("in a backup"), recordOf("half hashed"), recordOf("only a reference"),
+                   recordOf("in the store"), recordOf("nowhere")};
     list[3].flags |= SISoffset_in;
     list[3].SISoffset = 0x800000;
     list[3].compressedLength = 11;
-    std::vector<hashOffset> offsets = {at(0), at(1), at(2), at(3), at(4)};
+    Offsets offsets = {at(0), at(1), at(2), at(3), at(4)};
     ASSERT_EQ(putAllHashValues(&handle, 2, 9, list, offsets), 0);
     const bool inserted[] = {true, false, false, true, false};
     for (std::size_t i = 0; i < list.size(); ++i)
@@ -129,9 +128,8 @@ TEST_F(HashValues, ADeduplicatedMappingNeedsDataSomewhere) {
 
 TEST_F(HashValues, ADatabaseWithoutCompressedLengthIsServedToo) {
     catalogue.sql("ALTER TABLE dq.hash_values DROP COLUMN compressed_length");
-    HashValuesPtr handle;
-    std::vector<hashValue> list = {recordOf("a")};
-    std::vector<hashOffset> offsets = {at(0)};
+    Values list = {recordOf("a")};
+    Offsets offsets = {at(0)};
     list[0].flags |= SISoffset_in;
     list[0].SISoffset = 4096;
     ASSERT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
@@ -145,22 +143,21 @@ TEST_F(HashValues, ADatabaseWithoutCompressedLengthIsServedToo) {
 }
 
 TEST_F(HashValues, UpdateChangesTheMappingsThatItsBoundsName) {
-    HashValuesPtr handle;
     hashReferenceInfo record{};
     record.backupNumber = 4;
     record.hashID = addHash("a");
     const auto expect = [&](const char* what, std::uint32_t referenceFlags, std::uint64_t deduplicated,
                             std::int64_t first, std::int64_t last, std::int64_t changed, const char* rows) {
-        SCOPED_TRACE(what);
         catalogue.sql("DELETE FROM dq.backups_hash_values");
         for (const std::int64_t offset : {0, 10, 20})
             addMapping(4, record.hashID, offset, "7", true);
         record.referenceFlags = referenceFlags;
         record.deduplicated = deduplicated;
-        EXPECT_EQ(updateHashInfo(&handle, record, first, last), changed);
-        EXPECT_EQ(catalogue.rows("SELECT file_offset, deduplicated, hash_incomplete FROM dq.backups_hash_values ORDER "
-                                 "BY file_offset"),
-                  rows);
+        EXPECT_EQ(updateHashInfo(&handle, record, first, last), changed) << what;
+        EXPECT_EQ(catalogue.rows("SELECT file_offset, deduplicated, hash_incomplete FROM dq.backups_hash_values "
+                                 "ORDER BY 1"),
+                  rows)
+            << what;
     };
     const std::uint32_t complete = complete_in | reference_complete;
     expect("nothing to do", 0, 5, 0, INT64_MAX, 0, "0|7|t\n10|7|t\n20|7|t");
@@ -172,11 +169,9 @@ TEST_F(HashValues, UpdateChangesTheMappingsThatItsBoundsName) {
     expect("both", deduplicated_in | complete, 5, 0, 0, 1, "0|5|f\n10|7|t\n20|7|t");
     EXPECT_EQ(deleteHashValueMappings(&handle, 4, 10, 15), 1);
     EXPECT_EQ(deleteHashValueMappings(&handle, 4, 0, INT64_MAX), 2);
-    EXPECT_TRUE(root.logged("deleteHashValueMappings(): 1 hash mapping deleted for backup 4"));
 }
 
 TEST_F(HashValues, OrphansAreDeletedAndWhatIsUsedStays) {
-    HashValuesPtr handle;
     const auto inStore = [&](const std::string& data, int offset) {
         const std::uint64_t id = addHash(data);
         catalogue.sql("UPDATE dq.hash_values SET sis_offset = " + std::to_string(offset) +
@@ -187,24 +182,21 @@ TEST_F(HashValues, OrphansAreDeletedAndWhatIsUsedStays) {
     addMapping(1, used, 0);
     addMapping(2, used, 0);
     inStore("orphan in the store", 4096);
-    const std::uint64_t mapped = addHash("mapped");
-    addMapping(1, mapped, 50);
+    addMapping(1, addHash("mapped"), 50);
     addHash("orphan");
     SIShashReference reference[1];
     ASSERT_EQ(getSIShashReferencesBySISoffset(&handle, 100, reference), 1) << "behind a page of orphans";
-    EXPECT_EQ(reference[0].hashID, used);
-    EXPECT_EQ(reference[0].compressedLength, 3u);
+    EXPECT_TRUE(reference[0].hashID == used && reference[0].compressedLength == 3);
     EXPECT_EQ(getSIShashReferencesBySISoffset(&handle, 8193, reference), 0);
     EXPECT_EQ(reference[0].SISoffset, NO_SIS_OFFSET);
     EXPECT_EQ(deleteOrphanedHashes(&handle, 100), 1);
-    EXPECT_EQ(catalogue.rows("SELECT hash_id FROM dq.hash_values ORDER BY 1"),
-              std::to_string(used) + "\n" + std::to_string(mapped));
+    EXPECT_EQ(count("hash_values"), "2");
+    EXPECT_EQ(count("hash_values JOIN dq.backups_hash_values USING (hash_id)"), "3") << "both are mapped";
 }
 
 TEST_F(HashValues, AServerThatWasRestartedIsConnectedToAgain) {
-    HashValuesPtr handle;
     addHash("a");
-    std::vector<hashValue> list = {recordOf("a")};
+    Values list = {recordOf("a")};
     ASSERT_EQ(getHashValues(&handle, list), 0);
     catalogue.restart();
     ASSERT_EQ(getHashValues(&handle, list), 0);
@@ -216,7 +208,6 @@ TEST_F(HashValues, AServerThatWasRestartedIsConnectedToAgain) {
     handle.reset();
     EXPECT_EQ(getHashValues(&handle, list), -1);
     setenv("PGSERVICEFILE", services.c_str(), 1);
-    EXPECT_TRUE(root.logged("Retrying connection (try 2 of 2)."));
     EXPECT_TRUE(root.logged("ERROR: Exceeded retry count without making a connection."));
 }
 
@@ -226,30 +217,26 @@ TEST_F(HashValues, APutWhoseServerProcessDiesLeavesNothingBehind) {
         "CREATE SEQUENCE dq.lives; CREATE FUNCTION dq.die() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF "
         "nextval('dq.lives') = 1 THEN PERFORM pg_terminate_backend(pg_backend_pid()); END IF; RETURN NULL; END $$; "
         "CREATE TRIGGER dies AFTER INSERT ON dq.backups_hash_values FOR EACH STATEMENT EXECUTE FUNCTION dq.die()");
-    HashValuesPtr handle;
-    std::vector<hashValue> list = records(0, 3);
-    std::vector<hashOffset> offsets = {at(0), at(10), at(20)};
+    Values list = records(0, 3);
+    Offsets offsets = {at(0), at(10), at(20)};
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
-    EXPECT_EQ(catalogue.value("SELECT count(*) FROM dq.hash_values"), "0");
+    EXPECT_EQ(count("hash_values"), "0");
     catalogue.sql("DROP FUNCTION dq.die() CASCADE; DROP SEQUENCE dq.lives");
     EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), 0);
 }
 
 TEST_F(HashValues, AnotherGenerationIsRefusedBeforeAnythingIsTouched) {
-    testsupport::writeFile(root / "var/opt/kestrelix/platform_capabilities", "dedupNT\n");
+    writeFile(root / "var/opt/kestrelix/platform_capabilities", "dedupNT\n");
     root.masterIni("[fileDedup]\nMetadataGeneration=1\n");
     forgetMetadataGeneration();
-    HashValuesPtr handle;
-    std::vector<hashValue> list = {recordOf("a")};
-    std::vector<hashOffset> offsets = {at(0)};
-    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets), -1);
-    EXPECT_EQ(getHashValues(&handle, list), -1);
+    Values list = {recordOf("a")};
+    Offsets offsets = {at(0)};
+    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets) | getHashValues(&handle, list), -1);
     EXPECT_FALSE(openStoreForWriting(&handle));
     EXPECT_TRUE(root.logged("Invalid metadata generation: 1"));
     EXPECT_FALSE(handle);
     HashedContentsPtr contents;
-    const std::vector<hashValue*> announced{&list[0]};
-    EXPECT_EQ(announceHashedContents(&contents, announced), 0) << "a help that isn't needed";
+    EXPECT_EQ(announceHashedContents(&contents, std::vector{&list[0]}), 0) << "a help that isn't needed";
     HashListPtr blocks;
     EXPECT_EQ(createHashList(&blocks, 1, {}, 1), -1);
 }

@@ -12,7 +12,7 @@ namespace testsupport {
 
 class HashCatalogue : public ::testing::Test {
 protected:
-    HashCatalogue() : catalogue(Catalogue::instance()) {
+    HashCatalogue() {
         catalogue.reset();
         forgetHashTableShape();
         forgetMetadataGeneration();
@@ -21,11 +21,10 @@ protected:
 
     // A hash as the store keeps it; its ID.
     std::uint64_t addHash(const std::string& data) {
-        const hashValue record = recordOf(data);
-        return std::stoull(catalogue.value(
-            "INSERT INTO dq.hash_values (hash_type, hashed_length, hash_value) VALUES "
-            "('sha512', " +
-            std::to_string(data.size()) + ", decode('" + hashValueHex(record) + "', 'hex')) RETURNING hash_id"));
+        return std::stoull(
+            catalogue.value("INSERT INTO dq.hash_values (hash_type, hashed_length, hash_value) VALUES ('sha512', " +
+                            std::to_string(data.size()) + ", decode('" + hashValueHex(recordOf(data)) +
+                            "', 'hex')) RETURNING hash_id"));
     }
 
     void addMapping(std::uint64_t backup, std::uint64_t hash, std::int64_t offset, const char* deduplicated = "NULL",
@@ -36,7 +35,7 @@ protected:
     }
 
     TestRoot root;
-    Catalogue& catalogue;
+    Catalogue& catalogue = Catalogue::instance();
 };
 
 }  // namespace testsupport

@@ -5,16 +5,13 @@
 #include "base/file_descriptor.h"
 #include "hash/hashed_contents.h"
 #include "support/hashed_backup.h"
-#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testsupport::randomBytes;
-using testsupport::recordOf;
-using testsupport::writeFile;
+using namespace testsupport;
 
-class StoreAccess : public testsupport::HashedBackup {
+class StoreAccess : public HashedBackup {
 protected:
     StoreAccess() {
         fs::create_directories(root / "backups");
@@ -33,9 +30,9 @@ protected:
         const SISPtr store = openStoreForWriting(&hashes);
         ASSERT_TRUE(store);
         hashValue stored = recordOf(data);
-        ASSERT_EQ(reserveSIS(store.get(), &stored.SISoffset, static_cast<std::int64_t>(data.size())), 0);
+        ASSERT_EQ(reserveSIS(store.get(), &stored.SISoffset, whole), 0);
         const auto bytes = std::as_bytes(std::span(data.data(), data.size()));
-        ASSERT_EQ(writeSISsubfile(store.get(), bytes, stored.SISoffset, &stored), static_cast<ssize_t>(data.size()));
+        ASSERT_EQ(writeSISsubfile(store.get(), bytes, stored.SISoffset, &stored), whole);
         stored.flags = hashValue_in | SISoffset_in;
         ASSERT_GE(updateSISoffsets(&hashes, {&stored, 1}), 0);
         catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = 1");
@@ -45,11 +42,11 @@ protected:
     std::int64_t read(std::size_t count, std::int64_t offset) {
         std::vector<std::byte> buffer(count);
         const std::int64_t got = readHashedContents(&handle, &record, buffer, offset);
-        if (got > 0) {
-            EXPECT_EQ(std::memcmp(buffer.data(), data.data() + offset, static_cast<std::size_t>(got)), 0);
-        }
+        EXPECT_TRUE(got <= 0 || std::memcmp(buffer.data(), &data[offset], static_cast<std::size_t>(got)) == 0);
         return got;
     }
+
+    std::int64_t readAll() { return read(data.size(), 0); }
 
     static FileDescriptor lockedBy(const fs::path& owner) {
         FileDescriptor file(open(owner.c_str(), O_RDONLY | O_CLOEXEC));
@@ -58,20 +55,21 @@ protected:
     }
 
     const std::string data = randomBytes(200000, 1) + std::string(300000, 'c') + randomBytes(11 << 10, 2);
+    const std::int64_t whole = static_cast<std::int64_t>(data.size());
     hashValue record = recordOf(data);
     HashedContentsPtr handle;
 };
 
 TEST_F(StoreAccess, ABlockThatMovedIntoTheStoreBetweenTwoReadsIsReadFromThere) {
-    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    EXPECT_EQ(readAll(), whole);
     moveToStore();
     EXPECT_NE(catalogue.value("SELECT compressed_length FROM dq.hash_values"), "0");
     fs::remove(fileOf(1));
-    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    EXPECT_EQ(readAll(), whole);
     EXPECT_EQ(read(100, 250000), 100);
     EXPECT_TRUE(root.logged("Data buffered (261264 bytes), transfer 100 bytes")) << "to the end of the block";
     EXPECT_EQ(read(1000, 100), 1000) << "before what is buffered";
-    EXPECT_EQ(read(1000, static_cast<std::int64_t>(data.size()) - 10), 10);
+    EXPECT_EQ(read(1000, whole - 10), 10);
 }
 
 // Nobody holds the file of a block that was announced but lies elsewhere than the first: its owner may move it.
@@ -85,9 +83,9 @@ TEST_F(StoreAccess, AnAnnouncedBlockThatMovesBeforeItIsReadIsReadFromItsNewPlace
     const std::vector<hashValue*> announced{&blocks[0], &moving};
     const auto readsRight = [&] {
         record = moving;
-        const std::int64_t got = read(data.size(), 0);
+        const bool isRight = readAll() == whole;
         withdrawHashedContents(&handle);
-        return got == static_cast<std::int64_t>(data.size());
+        return isRight;
     };
     ASSERT_EQ(announceHashedContents(&handle, announced), 0);
     moveToStore();
@@ -111,13 +109,13 @@ TEST_F(StoreAccess, AnAnnouncedBlockThatMovesBeforeItIsReadIsReadFromItsNewPlace
 TEST_F(StoreAccess, AStoreThatCannotBeOpenedLeavesTheBackupsAndOneThatCannotBeReadFails) {
     moveToStore();
     catalogue.sql("UPDATE dq.backups_hash_values SET deduplicated = NULL");
-    const std::string info = testsupport::readFile(root / "backups/SISinfo");
+    const std::string info = readFile(root / "backups/SISinfo");
     writeFile(root / "backups/SISinfo", "\x07" + info.substr(1));
-    EXPECT_EQ(read(data.size(), 0), static_cast<std::int64_t>(data.size()));
+    EXPECT_EQ(readAll(), whole);
     EXPECT_TRUE(root.logged("Can't handle single instance store version 0x00000007"));
     writeFile(root / "backups/SISinfo", info);
     fs::resize_file(root / "disk/SIS/0000000000000000", 100000);
-    EXPECT_EQ(read(data.size(), 0), -1);
+    EXPECT_EQ(readAll(), -1);
     EXPECT_TRUE(root.logged("Error or premature end-of-file reading single instance store"));
     EXPECT_EQ(read(1000, 5), -1) << "and nothing of it is buffered";
 }
