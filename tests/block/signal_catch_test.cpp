@@ -1,7 +1,6 @@
 #include "block/signal_catch.h"
 
 #include "support/root.h"
-#include "support/test.h"
 
 namespace {
 
@@ -20,13 +19,11 @@ protected:
 };
 
 TEST_F(SignalCatch, ASignalIsRaisedAgainByTheOutermostEnd) {
-    ASSERT_EQ(catchSignals(SignalLayer::hashes), 0);
-    ASSERT_EQ(catchSignals(SignalLayer::hashes), 0);
+    ASSERT_EQ(catchSignals(SignalLayer::hashes) | catchSignals(SignalLayer::hashes), 0);
     EXPECT_EQ(checkForSignal(SignalLayer::hashes), 0);
     raise(SIGTERM);
     raise(SIGTERM);
     EXPECT_EQ(checkForSignal(SignalLayer::hashes), 1);
-    EXPECT_TRUE(root.logged("Signal SIGTERM received"));
     EXPECT_EQ(uncatchSignals(SignalLayer::hashes), 0);
     EXPECT_EQ(g_terminations, 0);
     EXPECT_EQ(uncatchSignals(SignalLayer::hashes), 0);
@@ -38,17 +35,14 @@ TEST_F(SignalCatch, ASignalIsRaisedAgainByTheOutermostEnd) {
 }
 
 TEST_F(SignalCatch, LayersThatOverlapLeaveTheFormerActionBehind) {
-    ASSERT_EQ(catchSignals(SignalLayer::hashes), 0);
-    ASSERT_EQ(catchSignals(SignalLayer::metadata), 0);
+    ASSERT_EQ(catchSignals(SignalLayer::hashes) | catchSignals(SignalLayer::metadata), 0);
     raise(SIGTERM);
-    EXPECT_TRUE(signalWaiting(SignalLayer::hashes));
-    EXPECT_TRUE(signalWaiting(SignalLayer::metadata));
+    EXPECT_TRUE(signalWaiting(SignalLayer::hashes) && signalWaiting(SignalLayer::metadata));
     EXPECT_EQ(uncatchSignals(SignalLayer::hashes), 0);
     EXPECT_EQ(g_terminations, 0) << "handed over";
     EXPECT_EQ(catchSignals(SignalLayer::hashes), 0);
     EXPECT_FALSE(signalWaiting(SignalLayer::hashes)) << "came before this operation";
-    EXPECT_EQ(uncatchSignals(SignalLayer::metadata), 0);
-    EXPECT_EQ(uncatchSignals(SignalLayer::hashes), 0);
+    EXPECT_EQ(uncatchSignals(SignalLayer::metadata) | uncatchSignals(SignalLayer::hashes), 0);
     EXPECT_EQ(g_terminations, 1);
     raise(SIGTERM);
     EXPECT_EQ(g_terminations, 2);
@@ -78,29 +72,20 @@ TEST_F(SignalCatch, ASignalWhoseHandlerRunsLateIsNotLost) {
 }
 
 TEST_F(SignalCatch, ThreadsThatOpenAndCloseAtOnceLoseNoSignal) {
-    std::atomic<bool> stop = false;
-    const auto work = [&](SignalLayer layer) {
-        while (!stop) {
-            {
-                const CaughtSignals outer(layer, "test");
-                const CaughtSignals inner(layer, "test");
-            }
-            // A signal comes back when both are idle at once, which two that never rest need not be for long.
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
+    {
+        std::jthread threads[2];
+        for (const SignalLayer layer : {SignalLayer::hashes, SignalLayer::metadata})
+            threads[layer == SignalLayer::hashes] = std::jthread([layer](const std::stop_token& stop) {
+                // A signal comes back when both are idle at once, which two that never rest need not be for long.
+                for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::microseconds(50))) {
+                    const CaughtSignals outer(layer, "test"), inner(layer, "test");
+                }
+            });
+        for (int sent = 1; sent <= 50 && !HasFailure(); ++sent) {
+            kill(getpid(), SIGTERM);
+            EXPECT_TRUE(testsupport::eventually([&] { return g_terminations == sent; })) << sent;
         }
-    };
-    std::thread first(work, SignalLayer::hashes);
-    std::thread second(work, SignalLayer::metadata);
-    for (int sent = 1; sent <= 50 && !HasFailure(); ++sent) {
-        kill(getpid(), SIGTERM);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (g_terminations < sent && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
-        EXPECT_EQ(g_terminations, sent);
     }
-    stop = true;
-    first.join();
-    second.join();
     raise(SIGTERM);
     EXPECT_EQ(g_terminations, 51);
 }
