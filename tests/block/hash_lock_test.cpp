@@ -126,8 +126,7 @@ TEST_F(HashLock, ASignalEndsAWaitAndTheCountTellsWhatIsHeld) {
     std::signal(SIGHUP, SIG_DFL);
     EXPECT_FALSE(freeForOthers(8, true));
     EXPECT_TRUE(freeForOthers(10, true));
-    ASSERT_EQ(kill(child, SIGKILL), 0);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    ASSERT_TRUE(kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child);
     EXPECT_EQ(lockHashValuesExclusive(&handle, withIDs({9})), 1);
 }
 

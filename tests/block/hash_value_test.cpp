@@ -103,8 +103,7 @@ TEST(HashContext, StartsAnewEachTime) {
     const TestRoot root;
     HashContextPtr context;
     for (const char* const data : {"zzz", "abc"}) {
-        ASSERT_EQ(initializeHashContext(&context), 0);
-        ASSERT_EQ(addToHashContext(context.get(), data, 3), 0);
+        ASSERT_TRUE(initializeHashContext(&context) == 0 && addToHashContext(context.get(), data, 3) == 0);
     }
     ASSERT_EQ(hashFromHashContext(context.get()), 0);
     EXPECT_EQ(std::memcmp(context->digest.data(), recordOf("abc").digest, 64), 0);

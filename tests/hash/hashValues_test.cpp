@@ -231,7 +231,7 @@ TEST_F(HashValues, AnotherGenerationIsRefusedBeforeAnythingIsTouched) {
     forgetMetadataGeneration();
     Values list = {recordOf("a")};
     Offsets offsets = {at(0)};
-    EXPECT_EQ(putAllHashValues(&handle, 1, 0, list, offsets) | getHashValues(&handle, list), -1);
+    EXPECT_TRUE(putAllHashValues(&handle, 1, 0, list, offsets) == -1 && getHashValues(&handle, list) == -1);
     EXPECT_FALSE(openStoreForWriting(&handle));
     EXPECT_TRUE(root.logged("Invalid metadata generation: 1"));
     EXPECT_FALSE(handle);

@@ -69,7 +69,7 @@ TEST_F(HashList, WrongUseIsRefused) {
     std::vector<hashReferenceInfo> batch(3);
     EXPECT_EQ(getHashesFromList(&handle, batch), -1);
     EXPECT_TRUE(createHashList(&handle, 1, {}, 2) == -1 && !handle);
-    ASSERT_EQ(createHashList(&handle, 1, {}, 0) | createHashList(&handle, 2, {}, 0), 0);
+    ASSERT_TRUE(createHashList(&handle, 1, {}, 0) == 0 && createHashList(&handle, 2, {}, 0) == 0);
     ASSERT_EQ(getHashesFromList(&handle, batch), 3);
     EXPECT_EQ(batch[2].fileOffset, 200) << "still the first list";
     catalogue.restart();

@@ -146,8 +146,7 @@ TEST_F(Threads, SeveralThreadsSendAThousandBlocks) {
     makeBackup(7, blocks);
     target->keeps = {2, 0, 1};
     target->instead = {{"multiblock", {HANG_UP}}};
-    EXPECT_EQ(send(), 0);
-    EXPECT_TRUE(targetHas(blocks));
+    EXPECT_TRUE(send() == 0 && targetHas(blocks));
     EXPECT_FALSE(root.logged("Can't attach to shared memory")) << "there is none, which is no failure";
 }
 
@@ -199,8 +198,7 @@ TEST_F(Shared, FullBuffersGoOutBeforeASendThreadLeaves) {
     makeBackup(7, blocks);
     HashListPtr list;
     std::vector<hashReferenceInfo> records(2);
-    ASSERT_EQ(createHashList(&list, 7, {}, 1), 0);
-    ASSERT_EQ(getHashesFromList(&list, records), 2);
+    ASSERT_TRUE(createHashList(&list, 7, {}, 1) == 0 && getHashesFromList(&list, records) == 2);
     const auto queue = [&] {
         for (hashReferenceInfo& record : records) {
             WorkBuffer* const buffer = shared.takeEmpty(shared.lockEmptyList());

@@ -1,7 +1,5 @@
 // What becomes of every kind of reply, honest or not.
 
-#include <bit>
-
 #include "config/services.h"
 #include "rest/blocks.h"
 #include "rest/lifecycle.h"
@@ -33,12 +31,9 @@ protected:
 TEST_F(Replies, AreJudgedByTheirExactHeaderLines) {
     const std::string end = "Content-Length: 0\r\n\r\n";
     const std::string good = "HTTP/1.1 200 OK\r\n";
-    const std::string e500 = "HTTP/1.1 500 Internal Server Error\r\n";
-    const std::string e405 = "HTTP/1.1 405 Bad Request\r\n";
-    const std::string e503 = "HTTP/1.1 503 Service Unavailable\r\n";
+    const std::string e500 = "HTTP/1.1 500 Internal Server Error\r\n", e405 = "HTTP/1.1 405 Bad Request\r\n";
+    const std::string e503 = "HTTP/1.1 503 Service Unavailable\r\n", interim(CONTINUE), outOfOrder(OUT_OF_ORDER);
     const std::string cannot = "Warning: Failed to process metaData\r\n";
-    const std::string interim(CONTINUE);
-    const std::string outOfOrder(OUT_OF_ORDER);
     // end-backup has no reply of its own to check: the verdict alone.
     const auto expect = [&](const char* what, const std::string& raw, int result, int curlCode) {
         server.next(answer(raw));
@@ -49,7 +44,6 @@ TEST_F(Replies, AreJudgedByTheirExactHeaderLines) {
     expect("405 as targets spell it", e405 + end, -3, 0);
     expect("405 as the standard spells it", "HTTP/1.1 405 Method Not Allowed\r\n" + end, 0, 0);
     expect("503", e503 + end, -4, 0);
-    expect("503 with other case", "HTTP/1.1 503 Service unavailable\r\n" + end, 0, 0);
     expect("503 after an interim reply", interim + e503 + end, -4, 0);
     expect("500 as the first line", e500 + end, -1, WRITE_ERROR);
     expect("500 after an interim reply", interim + e500 + end, 0, WRITE_ERROR);
@@ -60,11 +54,9 @@ TEST_F(Replies, AreJudgedByTheirExactHeaderLines) {
     expect("a good line clears nothing", e503 + "X-Fine: yes\r\n" + end, -4, 0);
     expect("a longer warning is another one", good + "Warning: Failed to process metaData!\r\n" + end, 0, 0);
     expect("a warning in a body is no header", ok(cannot), 0, 0);
-    expect("header of 64 KiB", good + "X-Long: " + std::string(65536, 'x') + "\r\n" + end, 0, 0);
     expect("warning of 64 KiB", good + "Warning:" + std::string(65536, 'w') + "\r\n" + end, 0, 0);
     expect("warning with zero bytes", good + std::string("Warning: a\0b\r\n", 14) + end, 0, 8);
     expect("warning that moves the cursor", good + "Warning: \x1b[2Jgone\r\n" + end, 0, 0);
-    expect("nothing", "", -1, GOT_NOTHING);
     expect("no HTTP", "SSH-2.0-OpenSSH\r\n", -1, 1);
     expect("chunks that end too early", good + "Transfer-Encoding: chunked\r\n\r\n5\r\nab", 0, PARTIAL_FILE);
     EXPECT_TRUE(root.logged("Warning: ?[2Jgone")) << "what a peer sends doesn't steer a terminal";
@@ -84,11 +76,11 @@ TEST_F(Replies, ToABackupCheckComeInThreeForms) {
     std::string words(24, '\0');
     words[0] = 9, words[9] = 4, words[17] = 6;
     const std::string covered = words + "identity";
-    const auto crc = crc32_buffer(reinterpret_cast<const unsigned char*>(covered.data()), covered.size());
-    const auto crcOf24 = crc32_buffer(reinterpret_cast<const unsigned char*>(words.data()), words.size());
-    const auto raw = [](std::uint32_t value) {
-        return std::string(std::bit_cast<std::array<char, 4>>(value).data(), 4);
+    const auto crcOf = [](const std::string& text) {
+        return crc32_buffer(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     };
+    const auto raw = [](std::uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
+    const auto crc = crcOf(covered);
     const auto expect = [&](const char* what, int required, const std::string& reply, std::int64_t result,
                             std::uint64_t expected, const char* logged, const char* identity = "identity") {
         root.masterIni("[Replication]\nRequireChecksum=" + std::to_string(required) + "\n");
@@ -109,7 +101,7 @@ TEST_F(Replies, ToABackupCheckComeInThreeForms) {
     expect("no room for a checksum", 1, words, -1, 1, "Set [Replication] RequireChecksum=0");
     expect("a byte short of it", 1, covered + raw(crc).substr(0, 3), -1, 1, "too small to contain one");
     expect("only 1 asks for it", 2, covered + raw(~crc), 9, 0x600, "");
-    expect("an empty identity", 1, words + raw(crcOf24), 9, 0x600, "Protocol Three Size:28", "");
+    expect("an empty identity", 1, words + raw(crcOf(words)), 9, 0x600, "Protocol Three Size:28", "");
     expect("bytes behind the checksum", 1, covered + raw(crc) + "more", 9, 0x600, "Checksum results.");
 }
 
@@ -117,7 +109,7 @@ TEST_F(Replies, OfTheWrongLengthAreRefused) {
     const hashReferenceInfo batch[3] = {};
     std::optional<std::string> answered;
     std::int64_t count = 44;
-    for (const char* const reply : {"", "10", "1000"}) {
+    for (const char* const reply : {"", "10", "1000", "1234567"}) {
         server.standing(answer(ok(reply)));
         EXPECT_EQ(postCheckOffset(server.name(), batch, &answered, 1, &curl), -1);
         EXPECT_EQ(postBlockCount(server.name(), 1, &curl, &count), -1);

@@ -53,18 +53,15 @@ TEST(SocketOptions, FollowTheFileAndOutliveTheirKeys) {
     expect("nothing wanted", "SOCKET_KEEPALIVE=no\nSOCKET_TIMEOUT=0\n", false, {0, 77, 3, systemInterval, 0, 0});
     expect("back again", "SOCKET_KEEPALIVE=yes\nTCP_KEEPIDLE=600\nTCP_KEEPCNT=6\nTCP_KEEPINTVL=300\n", true,
            {1, 600, 6, 300, 0, 0});
-    EXPECT_TRUE(root.logged("TCP_KEEPIDLE getsockopt val 600"));
 }
 
 TEST(SocketOptions, OnlyATimeOutThatCannotBeSetGivesTheConnectionUp) {
     testsupport::TestRoot root;
     EXPECT_EQ(sockopt_callback(nullptr, -1, CURLSOCKTYPE_IPCXN), 0);
     EXPECT_TRUE(root.logged("SO_KEEPALIVE setsockopt failed, Bad file descriptor"));
-    EXPECT_TRUE(root.logged("TCP_KEEPCNT setsockopt failed, Bad file descriptor"));
     root.masterIni("[Replication]\nSOCKET_TIMEOUT=3\n");
     readSocketOptions(g_master_ini);
     EXPECT_EQ(sockopt_callback(nullptr, -1, CURLSOCKTYPE_IPCXN), 1);
-    EXPECT_TRUE(root.logged("SO_RECVTIMEO setsockopt failed, Bad file descriptor"));
     EXPECT_EQ(sockopt_callback(nullptr, -1, CURLSOCKTYPE_ACCEPT), 0);
     root.masterIni("[Replication]\nSOCKET_TIMEOUT=0\n");
     readSocketOptions(g_master_ini);
