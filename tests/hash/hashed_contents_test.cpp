@@ -82,22 +82,17 @@ TEST_F(HashedContents, ReadsAnyPartOfABlockFromABackupsFile) {
     EXPECT_EQ(readHashedContents(&handle, nullptr, buffer, 0), -1);
 }
 
-TEST_F(HashedContents, LaterPartsComeFromTheReadAheadBuffer) {
+TEST_F(HashedContents, LaterPartsComeFromTheReadAheadBufferAsFarAsItGoes) {
     addBackup(1, 100);
-    EXPECT_EQ(read(1000, 0), "1000");
-    EXPECT_TRUE(root.logged("Data buffered (300000 bytes), transfer 1000 bytes"));
+    EXPECT_EQ(read(1000), "1000");
     fs::remove(fileOf(1));
     EXPECT_EQ(read(299000, 1000), "299000") << "no file is needed";
     EXPECT_EQ(read(5000, 299000), "1000") << "the end of the block";
-}
-
-TEST_F(HashedContents, APartlyBufferedReadIsCompletedFromTheFile) {
     root.masterIni("[fileDedup]\nmaxSubfileBytes=8192\n");
     data.resize(11u << 20, 'z');
     hashID = addHash(data);
-    addBackup(1, 100);
+    addBackup(2, 100);
     EXPECT_EQ(read(1000, 500), "1000");
-    root.clearLog();
     EXPECT_EQ(read(1 << 20, (10 << 20) + 400), "1048176") << "past the end of the buffer";
     EXPECT_TRUE(root.logged("Partial data found in buffer, transfer 100 bytes."));
 }
@@ -130,7 +125,7 @@ TEST_F(HashedContents, TheNextCandidateServesWhenOneIsGoneOrBusyOrBroken) {
     log_level = 0;
     EXPECT_EQ(read(), "-1");
     log_level = 6;
-    EXPECT_TRUE(root.logged("Couldn't find a backup to open")) << "a failure";
+    EXPECT_TRUE(root.logged("Couldn't find a backup to open"));
     ASSERT_EQ(flock(second.get(), LOCK_UN), 0);
     EXPECT_EQ(read(), "300000");
     EXPECT_EQ(flock(second.get(), LOCK_EX | LOCK_NB), 0) << "no lock is kept between two reads";
@@ -189,11 +184,8 @@ TEST_F(HashedContents, ASignalEndsTheSearchWhateverItsWay) {
 
 TEST_F(HashedContents, AShortFileFailsAndBuffersNothing) {
     addBackup(1, 100);
-    EXPECT_EQ(read(1000, 0), "1000");
     fs::resize_file(fileOf(1), 100 + 200000);
-    handle.reset();
     EXPECT_EQ(read(), "-1");
-    EXPECT_TRUE(root.logged("Error or premature end-of-file reading backup 1"));
     EXPECT_EQ(read(100000, 50000), "100000") << "what is there can be read";
     EXPECT_EQ(read(100000, 150000), "-1") << "half of it from the buffer, the rest missing";
     fs::resize_file(fileOf(1), 100);
@@ -206,7 +198,6 @@ TEST_F(HashedContents, ACandidateThatCannotBeSeekedIsNotTriedAgainAndAgain) {
     writeFile(fileOf(2), "\x1f\x8b\x08" + data);  // compressed, as far as anyone can tell
     catalogue.sql("UPDATE dq.backups_hash_values SET file_offset = 3");
     EXPECT_EQ(read(), "-1");
-    EXPECT_TRUE(root.logged("Can't seek to 0x3 in backup 2"));
     addBackup(1, 700, "");
     EXPECT_EQ(read(), "300000");
 }
@@ -215,7 +206,6 @@ TEST_F(HashedContents, ABlockThatTheStoreCannotGiveIsReadFromABackup) {
     addBackup(1, 700);
     catalogue.sql("UPDATE dq.hash_values SET sis_offset = 4096");
     EXPECT_EQ(read(300000, 0, 1), "300000");
-    EXPECT_TRUE(root.logged("Can't open the single instance store"));
     catalogue.sql("DELETE FROM dq.backups_hash_values");
     EXPECT_EQ(read(300000, 0, 1), "0");
 }
