@@ -10,7 +10,11 @@ protected:
     fs::path pidFile() const { return source().root() / "var/run/ferryd.pid"; }
     pid_t daemonPid() const { return std::atoi(testsupport::readFile(pidFile()).c_str()); }
     // Through a shell: the daemon refuses to be a child of init, and the shell is a parent that stays.
-    int daemonize() const { return source().run({"/bin/sh", "-c", ferryd() + "; sleep 0.1"}); }
+    // As an unfriendly starter would: with signals blocked and no standard descriptors.
+    int daemonize() const {
+        return source().run(
+            {"/bin/sh", "-c", "env --block-signal=TERM,CHLD,INT,QUIT " + ferryd() + " <&- >&- 2>&-; sleep 0.1"});
+    }
     void stop(lab::Process& daemon) const {
         daemon.signal(SIGTERM);
         EXPECT_EQ(daemon.wait(LIMIT), 0);
@@ -33,6 +37,7 @@ TEST_F(Daemon, DetachesHoldsItsPidFileAndStopsInOrder) {
     EXPECT_EQ(daemonPid(), pid);
 
     EXPECT_TRUE(reaches(lab().ingest(data(21, 1)), REPLICATION_COMPLETE));
+    EXPECT_TRUE(eventually([&] { return daemonLogged("sigchld caught"); }));
     kill(pid, SIGTERM);
     EXPECT_TRUE(eventually([&] { return kill(pid, 0) == -1; }));
     EXPECT_FALSE(fs::exists(pidFile()));
