@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
@@ -25,7 +24,6 @@ constexpr suseconds_t MICROSECONDS = 1000000;
 pthread_once_t g_keyOnce = PTHREAD_ONCE_INIT;
 pthread_key_t g_key;
 bool g_keyMade = false;
-std::atomic<int> g_transfers = 0;
 
 void makeKey() {
     g_keyMade = pthread_key_create(&g_key, std::free) == 0;
@@ -174,18 +172,11 @@ const char* curlText(int curlCode) {
     return curl_easy_strerror(static_cast<CURLcode>(curlCode));
 }
 
-bool transferIsRunning() {
-    return g_transfers.load() > 0;
-}
-
 CURLcode performRequest(CURL* handle, ThreadCurlData*) {
     if (handle == nullptr)
         return CURLE_BAD_FUNCTION_ARGUMENT;
     passJobGate();
-    ++g_transfers;
-    const CURLcode code = curl_easy_perform(handle);
-    --g_transfers;
-    return code;
+    return curl_easy_perform(handle);
 }
 
 int TargetRequest::open(Body body, const std::string& target, std::string_view request) {

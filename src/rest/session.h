@@ -48,8 +48,5 @@ void readSocketOptions(const std::string& path);
 [[nodiscard]] timeval paceStart(ThreadCurlData* data);
 void paceSpend(ThreadCurlData* data, std::uint64_t sent, timeval now);
 
-// Whether any thread of this process is inside a transfer, in which libcurl must not be taken down.
-[[nodiscard]] bool transferIsRunning();
-
 // libcurl's text for a code that a request stored in `curlStatus`.
 [[nodiscard]] const char* curlText(int curlCode);
